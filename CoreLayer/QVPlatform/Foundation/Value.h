@@ -1,0 +1,146 @@
+// qv::Value: one property-list value (what NSString, NSNumber, NSData, NSDate, NSArray and
+// NSDictionary were to the original framework), with Foundation's reading rules.
+// Values are plain C++ values: copying one copies the tree. Not thread-safe; each thread owns
+// its own values.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace qv {
+
+class Value;
+
+using Data = std::vector<std::uint8_t>;
+using Array = std::vector<Value>;
+
+// A moment as seconds since 2001-01-01 00:00:00 UTC, the platform's reference date.
+struct Date {
+    double secondsSinceReferenceDate = 0.0;
+    bool operator==(const Date&) const = default;
+};
+
+// A dictionary that keeps its keys in insertion order (property lists written by people are
+// read back in the order they were written). Keys are unique; setting an existing key replaces
+// its value in place.
+class Dictionary {
+  public:
+    using Entry = std::pair<std::string, Value>;
+
+    Dictionary() = default;
+    Dictionary(std::initializer_list<Entry> entries);
+
+    const Value* find(std::string_view key) const;
+    Value* find(std::string_view key);
+    bool contains(std::string_view key) const { return find(key) != nullptr; }
+    void set(std::string key, Value value);
+    bool erase(std::string_view key);
+    void clear();
+    std::size_t size() const;
+    bool empty() const;
+
+    std::vector<Entry>::const_iterator begin() const;
+    std::vector<Entry>::const_iterator end() const;
+
+    // Equality ignores order, as NSDictionary's does.
+    bool operator==(const Dictionary& other) const;
+
+  private:
+    std::vector<Entry> entries_;
+};
+
+class Value {
+  public:
+    enum class Type { Nil, String, Integer, Real, Boolean, Data, Date, Array, Dictionary };
+
+    Value() = default;
+    Value(std::nullptr_t) {}
+    Value(const char* s);
+    Value(std::string s);
+    Value(std::string_view s);
+    Value(int i);
+    Value(long i);
+    Value(long long i);
+    Value(unsigned int i);
+    Value(double d);
+    Value(bool b);
+    Value(qv::Data d);
+    Value(qv::Date d);
+    Value(qv::Array a);
+    Value(qv::Dictionary d);
+
+    static Value integer(std::int64_t i) { return Value(static_cast<long long>(i)); }
+
+    Type type() const;
+    bool isNil() const { return type() == Type::Nil; }
+    bool isString() const { return type() == Type::String; }
+    bool isInteger() const { return type() == Type::Integer; }
+    bool isReal() const { return type() == Type::Real; }
+    bool isBoolean() const { return type() == Type::Boolean; }
+    bool isNumber() const { return isInteger() || isReal() || isBoolean(); }
+    bool isData() const { return type() == Type::Data; }
+    bool isDate() const { return type() == Type::Date; }
+    bool isArray() const { return type() == Type::Array; }
+    bool isDictionary() const { return type() == Type::Dictionary; }
+
+    // Typed access: nullptr when the value is of another type.
+    const std::string* asString() const;
+    const qv::Data* asData() const;
+    const qv::Date* asDate() const;
+    const qv::Array* asArray() const;
+    qv::Array* asArray();
+    const qv::Dictionary* asDictionary() const;
+    qv::Dictionary* asDictionary();
+
+    // Foundation's reading rules. A number answers its value; a string answers the number it
+    // starts with (leading blanks, a sign and digits; 0 when there are none; clamped to the
+    // range); anything else answers 0 / NO, as a message to nil would.
+    std::int64_t integerValue() const;
+    std::int32_t intValue() const;
+    double doubleValue() const;
+    // YES for a non-zero number; for a string, YES when it starts (after blanks, a sign and
+    // zeros) with Y, y, T, t or a digit 1-9, so "YES" and "1" are YES and "NO" and "0" are NO.
+    bool boolValue() const;
+    // The string itself, a number in decimal, or "" for anything else.
+    std::string stringValue() const;
+
+    // Absent: nil, a string of length 0, or a collection with no members.
+    bool isAbsent() const;
+    bool isPresent() const { return !isAbsent(); }
+
+    // Count of a string's characters in UTF-16 units, or of a collection's members; 0 otherwise.
+    std::size_t count() const;
+
+    // Lookups that answer nil for a missing key, an index out of range or a value that is not a
+    // collection: a message to nil answers nil.
+    const Value& operator[](std::string_view key) const;
+    const Value& at(std::size_t index) const;
+
+    // Mutation. set() turns a nil value into an empty dictionary first, append() into an array.
+    void set(std::string key, Value value);
+    void append(Value value);
+
+    bool operator==(const Value& other) const;
+
+    // The platform's description text: a string as itself, numbers in decimal, collections in
+    // the old-style property-list form with four-space indentation and keys in ascending order.
+    std::string description() const;
+
+    static const Value& nil();
+
+  private:
+    using Storage = std::variant<std::monostate, std::string, long long, double, bool, qv::Data,
+                                 qv::Date, qv::Array, qv::Dictionary>;
+    Storage storage_;
+};
+
+// Description of a string inside a collection: quoted unless it is a plain word.
+std::string quotedDescription(std::string_view s);
+
+}  // namespace qv

@@ -1,0 +1,67 @@
+// The I/O Kit functions the framework calls, under their platform names, over the in-memory
+// registry (Registry.h). Semantics follow the original:
+// - every io_object_t a function hands out carries a reference the caller releases with
+//   IOObjectRelease (IOIteratorNext's entries, iterators, notification iterators);
+// - a property read (IORegistryEntryCreateCFProperty) gives a copy the caller owns (a value);
+// - a matching notification's iterator must be drained for the notification to be armed again;
+//   callbacks are delivered through the notification port's run-loop source, never from inside
+//   the registry change that caused them.
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+#include "IOKitTypes.h"
+#include "RunLoop/RunLoop.h"
+
+struct IONotificationPort;
+using IONotificationPortRef = IONotificationPort*;
+using IOServiceMatchingCallback = void (*)(void* refCon, io_iterator_t iterator);
+
+CFMutableDictionaryRef IOServiceMatching(const char* className);
+CFMutableDictionaryRef IOServiceNameMatching(const char* name);
+
+kern_return_t IOServiceGetMatchingServices(mach_port_t masterPort, CFDictionaryRef matching,
+                                           io_iterator_t* existing);
+
+IONotificationPortRef IONotificationPortCreate(mach_port_t masterPort);
+void IONotificationPortDestroy(IONotificationPortRef port);
+qv::CFRunLoopSourceRef IONotificationPortGetRunLoopSource(IONotificationPortRef port);
+
+kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef port,
+                                               const char* notificationType,
+                                               CFDictionaryRef matching,
+                                               IOServiceMatchingCallback callback, void* refCon,
+                                               io_iterator_t* notification);
+
+io_object_t IOIteratorNext(io_iterator_t iterator);
+bool IOIteratorIsValid(io_iterator_t iterator);
+void IOIteratorReset(io_iterator_t iterator);
+
+kern_return_t IORegistryEntryCreateIterator(io_registry_entry_t entry, const char* plane,
+                                            IOOptionBits options, io_iterator_t* iterator);
+kern_return_t IORegistryEntryGetChildIterator(io_registry_entry_t entry, const char* plane,
+                                              io_iterator_t* iterator);
+kern_return_t IORegistryEntryGetParentIterator(io_registry_entry_t entry, const char* plane,
+                                               io_iterator_t* iterator);
+kern_return_t IORegistryEntryGetParentEntry(io_registry_entry_t entry, const char* plane,
+                                            io_registry_entry_t* parent);
+
+// nil when the entry or the property does not exist.
+qv::Value IORegistryEntryCreateCFProperty(io_registry_entry_t entry, std::string_view key,
+                                          const void* allocator = nullptr,
+                                          IOOptionBits options = 0);
+kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t entry, qv::Value* properties,
+                                                const void* allocator = nullptr,
+                                                IOOptionBits options = 0);
+
+kern_return_t IORegistryEntryGetName(io_registry_entry_t entry, io_name_t name);
+kern_return_t IORegistryEntryGetNameInPlane(io_registry_entry_t entry, const char* plane,
+                                            io_name_t name);
+kern_return_t IORegistryEntryGetPath(io_registry_entry_t entry, const char* plane,
+                                     io_string_t path);
+kern_return_t IOObjectGetClass(io_object_t object, io_name_t className);
+bool IOObjectConformsTo(io_object_t object, const char* className);
+bool IOObjectIsEqualTo(io_object_t object, io_object_t other);
+kern_return_t IOObjectRetain(io_object_t object);
+kern_return_t IOObjectRelease(io_object_t object);

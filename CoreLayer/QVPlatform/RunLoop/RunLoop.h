@@ -1,0 +1,95 @@
+// qv::RunLoop: what the original platform's run loop, timers, delayed calls, "now" and thread
+// sleep were. Every timer, delayed call, sleep and clock read of the framework goes through the
+// calling thread's run loop, so that the same code runs on the host's GLib loop and in virtual
+// time (tests, `qvdevice simulate`).
+//
+// A run loop belongs to one thread. Timers, sources and delayed calls are created and fire on that
+// thread; only post() may be called from any thread.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "Foundation/Value.h"
+
+namespace qv {
+
+class RunLoop;
+
+// A scheduled timer. A repeating timer keeps to its schedule: after a late firing the next one is
+// the first scheduled time still ahead, and missed ones are skipped (one firing for the lot).
+class Timer {
+  public:
+    virtual ~Timer() = default;
+    // Stops the timer for good; safe to call more than once and from inside its own callback.
+    virtual void invalidate() = 0;
+    virtual bool isValid() const = 0;
+    virtual double interval() const = 0;
+    virtual bool repeats() const = 0;
+    // Runs the callback now, outside the schedule; a one-shot timer is invalidated by it.
+    virtual void fire() = 0;
+};
+
+using TimerCallback = std::function<void(Timer&)>;
+
+// A run-loop source: signal() asks the loops it was added to to call perform() on their own
+// thread soon. signal() may be called from any thread; perform() never runs from inside signal().
+class RunLoopSource : public std::enable_shared_from_this<RunLoopSource> {
+  public:
+    explicit RunLoopSource(std::function<void()> perform);
+    void signal();
+
+  private:
+    friend class RunLoop;
+    std::function<void()> perform_;
+    std::weak_ptr<RunLoop> loop_;
+};
+
+class RunLoop : public std::enable_shared_from_this<RunLoop> {
+  public:
+    virtual ~RunLoop() = default;
+
+    // The calling thread's run loop. A thread that has none gets a GLib run loop on its
+    // thread-default main context.
+    static RunLoop& current();
+    static std::shared_ptr<RunLoop> currentShared();
+    // Installs a run loop for the calling thread (tests and the simulator install a virtual one);
+    // nullptr removes it.
+    static void setCurrent(std::shared_ptr<RunLoop> loop);
+
+    // Seconds on this loop's clock: monotonic on a real loop, virtual time on a virtual one.
+    virtual double now() const = 0;
+    // The current date (what NSDate's date was), on the same clock.
+    virtual Date currentDate() const = 0;
+
+    virtual std::shared_ptr<Timer> scheduleTimer(double interval, bool repeats,
+                                                 TimerCallback callback) = 0;
+    // A delayed call (performSelector:withObject:afterDelay:). The returned timer cancels it.
+    std::shared_ptr<Timer> performAfterDelay(double delay, std::function<void()> call);
+
+    // Runs `call` on this loop's thread as soon as it turns. Safe from any thread.
+    virtual void post(std::function<void()> call) = 0;
+
+    // Blocks the calling thread (this loop's thread) for the given seconds. Nothing of this loop
+    // runs meanwhile, as on the original platform; a virtual loop just advances its clock.
+    virtual void sleep(double seconds) = 0;
+
+    // Turns the loop until its clock reaches `time` (tests and tools; a host normally runs the
+    // loop itself).
+    virtual void runUntil(double time) = 0;
+    void runFor(double seconds) { runUntil(now() + seconds); }
+
+    void addSource(const std::shared_ptr<RunLoopSource>& source);
+    void removeSource(const std::shared_ptr<RunLoopSource>& source);
+    bool containsSource(const std::shared_ptr<RunLoopSource>& source) const;
+};
+
+// Core Foundation's names for the same operations, as the framework's code calls them.
+using CFRunLoopRef = RunLoop*;
+using CFRunLoopSourceRef = std::shared_ptr<RunLoopSource>;
+inline constexpr const char* kCFRunLoopCommonModes = "kCFRunLoopCommonModes";
+CFRunLoopRef CFRunLoopGetCurrent();
+void CFRunLoopAddSource(CFRunLoopRef loop, const CFRunLoopSourceRef& source, const char* mode);
+void CFRunLoopRemoveSource(CFRunLoopRef loop, const CFRunLoopSourceRef& source, const char* mode);
+
+}  // namespace qv
