@@ -1,0 +1,194 @@
+#include "JsonValue.h"
+
+#include <cmath>
+#include <vector>
+
+namespace qv {
+
+namespace {
+
+constexpr int kMaxJsonDepth = 256;
+
+const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+int sextet(char c) {
+    if (c >= 'A' && c <= 'Z') {
+        return c - 'A';
+    }
+    if (c >= 'a' && c <= 'z') {
+        return c - 'a' + 26;
+    }
+    if (c >= '0' && c <= '9') {
+        return c - '0' + 52;
+    }
+    if (c == '+') {
+        return 62;
+    }
+    if (c == '/') {
+        return 63;
+    }
+    return -1;
+}
+
+std::optional<Value> convert(const Json& json, const std::string& where, int depth,
+                             std::string* error) {
+    auto fail = [&](const std::string& message) -> std::optional<Value> {
+        if (error != nullptr) {
+            *error = where + ": " + message;
+        }
+        return std::nullopt;
+    };
+    if (depth > kMaxJsonDepth) {
+        return fail("nested too deeply");
+    }
+    switch (json.type()) {
+        case nlohmann::json::value_t::string:
+            return Value(json.get<std::string>());
+        case nlohmann::json::value_t::boolean:
+            return Value(json.get<bool>());
+        case nlohmann::json::value_t::number_integer:
+            return Value(static_cast<long long>(json.get<std::int64_t>()));
+        case nlohmann::json::value_t::number_unsigned: {
+            auto u = json.get<std::uint64_t>();
+            if (u > static_cast<std::uint64_t>(INT64_MAX)) {
+                return fail("integer out of range");
+            }
+            return Value(static_cast<long long>(u));
+        }
+        case nlohmann::json::value_t::number_float:
+            return Value(json.get<double>());
+        case nlohmann::json::value_t::array: {
+            Array array;
+            array.reserve(json.size());
+            for (std::size_t i = 0; i < json.size(); ++i) {
+                auto v = convert(json[i], where + "[" + std::to_string(i) + "]", depth + 1, error);
+                if (!v) {
+                    return std::nullopt;
+                }
+                array.push_back(std::move(*v));
+            }
+            return Value(std::move(array));
+        }
+        case nlohmann::json::value_t::object: {
+            if (json.size() == 1 && json.contains("$data")) {
+                const auto& text = json["$data"];
+                if (!text.is_string()) {
+                    return fail("\"$data\" must be a base64 string");
+                }
+                auto data = base64Decode(text.get<std::string>());
+                if (!data) {
+                    return fail("\"$data\" is not valid base64");
+                }
+                return Value(std::move(*data));
+            }
+            Dictionary dict;
+            for (const auto& [key, item] : json.items()) {
+                auto v = convert(item, where + "." + key, depth + 1, error);
+                if (!v) {
+                    return std::nullopt;
+                }
+                dict.set(key, std::move(*v));
+            }
+            return Value(std::move(dict));
+        }
+        case nlohmann::json::value_t::null:
+            return fail("null is not a property-list value");
+        default:
+            return fail("unsupported JSON value");
+    }
+}
+
+}  // namespace
+
+std::optional<Value> valueFromJson(const Json& json, const std::string& where, std::string* error) {
+    return convert(json, where, 0, error);
+}
+
+Json jsonFromValue(const Value& value) {
+    switch (value.type()) {
+        case Value::Type::Nil:
+            return nullptr;
+        case Value::Type::String:
+            return *value.asString();
+        case Value::Type::Integer:
+            return value.integerValue();
+        case Value::Type::Real:
+            return value.doubleValue();
+        case Value::Type::Boolean:
+            return value.boolValue();
+        case Value::Type::Data:
+            return Json{{"$data", base64Encode(*value.asData())}};
+        case Value::Type::Date:
+            return Json{{"$date", value.asDate()->secondsSinceReferenceDate}};
+        case Value::Type::Array: {
+            Json array = Json::array();
+            for (const auto& item : *value.asArray()) {
+                array.push_back(jsonFromValue(item));
+            }
+            return array;
+        }
+        case Value::Type::Dictionary: {
+            // Keys in the dictionary's own order.
+            Json object = Json::object();
+            for (const auto& [key, item] : *value.asDictionary()) {
+                object[key] = jsonFromValue(item);
+            }
+            return object;
+        }
+    }
+    return nullptr;
+}
+
+std::string base64Encode(const Data& data) {
+    std::string out;
+    out.reserve((data.size() + 2) / 3 * 4);
+    std::size_t i = 0;
+    for (; i + 2 < data.size(); i += 3) {
+        unsigned v = (data[i] << 16) | (data[i + 1] << 8) | data[i + 2];
+        out += kAlphabet[(v >> 18) & 63];
+        out += kAlphabet[(v >> 12) & 63];
+        out += kAlphabet[(v >> 6) & 63];
+        out += kAlphabet[v & 63];
+    }
+    if (i + 1 == data.size()) {
+        unsigned v = data[i] << 16;
+        out += kAlphabet[(v >> 18) & 63];
+        out += kAlphabet[(v >> 12) & 63];
+        out += "==";
+    } else if (i + 2 == data.size()) {
+        unsigned v = (data[i] << 16) | (data[i + 1] << 8);
+        out += kAlphabet[(v >> 18) & 63];
+        out += kAlphabet[(v >> 12) & 63];
+        out += kAlphabet[(v >> 6) & 63];
+        out += '=';
+    }
+    return out;
+}
+
+std::optional<Data> base64Decode(std::string_view text) {
+    while (!text.empty() && text.back() == '=') {
+        text.remove_suffix(1);
+    }
+    if (text.size() % 4 == 1) {
+        return std::nullopt;
+    }
+    Data out;
+    out.reserve(text.size() * 3 / 4);
+    unsigned buffer = 0;
+    int bits = 0;
+    for (char c : text) {
+        int v = sextet(c);
+        if (v < 0) {
+            return std::nullopt;
+        }
+        buffer = (buffer << 6) | static_cast<unsigned>(v);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            out.push_back(static_cast<std::uint8_t>((buffer >> bits) & 0xFF));
+        }
+    }
+    return out;
+}
+
+}  // namespace qv

@@ -1,0 +1,25 @@
+// Conversion between JSON (scenarios, timelines, tool output) and property-list values.
+// JSON numbers stay numbers (integers as integers, others as reals), booleans booleans, and
+// {"$data": "<base64>"} stands for data. JSON null has no property-list form and is refused.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "Value.h"
+
+namespace qv {
+
+// Objects keep the order of their keys: scenarios and tool output read as written.
+using Json = nlohmann::ordered_json;
+
+// nullopt and a message naming the place (`where`, then the path inside) on failure.
+std::optional<Value> valueFromJson(const Json& json, const std::string& where, std::string* error);
+Json jsonFromValue(const Value& value);
+
+std::string base64Encode(const Data& data);
+// nullopt for anything that is not canonical base64 (padding optional, blanks refused).
+std::optional<Data> base64Decode(std::string_view text);
+
+}  // namespace qv

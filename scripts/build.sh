@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Configures and builds one build tree. Usage: scripts/build.sh [BUILD_DIR] [extra cmake args...]
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build_dir=${1:-"$root/build"}
+shift || true
+jobs=$(nproc 2>/dev/null || echo 2)
+cmake -S "$root" -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+cmake --build "$build_dir" -j"$jobs"
