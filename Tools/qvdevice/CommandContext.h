@@ -2,6 +2,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <functional>
 #include <ostream>
 
 namespace qvdevice {
@@ -13,6 +14,10 @@ struct CommandContext {
 };
 
 // Each subcommand adds itself to the application; its callback runs after parsing.
-void addRegistryCommand(CLI::App& app, CommandContext& context);
+using CommandAdder = void (*)(CLI::App& app, CommandContext& context);
+
+// Subcommands register themselves from their own source file at start-up, so adding one never
+// touches the others:  const bool registered = registerCommand("table", addTableCommand);
+bool registerCommand(const char* name, CommandAdder adder);
 
 }  // namespace qvdevice

@@ -86,8 +86,6 @@ int runRegistry(const RegistryOptions& options, CommandContext& context) {
     return 0;
 }
 
-}  // namespace
-
 void addRegistryCommand(CLI::App& app, CommandContext& context) {
     auto options = std::make_shared<RegistryOptions>();
     CLI::App* command = app.add_subcommand(
@@ -98,5 +96,9 @@ void addRegistryCommand(CLI::App& app, CommandContext& context) {
     command->add_flag("--json", options->json, "print the tree as JSON");
     command->callback([options, &context]() { context.exitCode = runRegistry(*options, context); });
 }
+
+const bool registered = registerCommand("registry", addRegistryCommand);
+
+}  // namespace
 
 }  // namespace qvdevice
