@@ -1,6 +1,7 @@
 #include "JsonValue.h"
 
 #include <cmath>
+#include <fstream>
 #include <vector>
 
 namespace qv {
@@ -189,6 +190,33 @@ std::optional<Data> base64Decode(std::string_view text) {
         }
     }
     return out;
+}
+
+std::optional<Json> readJsonFile(const std::string& path, std::size_t maxBytes,
+                                 std::string* error) {
+    auto failWith = [&](const std::string& reason) -> std::optional<Json> {
+        if (error != nullptr) {
+            *error = path + ": " + reason;
+        }
+        return std::nullopt;
+    };
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return failWith("cannot be read");
+    }
+    std::string text;
+    char buffer[65536];
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+        text.append(buffer, static_cast<std::size_t>(in.gcount()));
+        if (text.size() > maxBytes) {
+            return failWith("larger than " + std::to_string(maxBytes >> 20) + " MiB");
+        }
+    }
+    Json json = Json::parse(text, nullptr, false);
+    if (json.is_discarded()) {
+        return failWith("not valid JSON");
+    }
+    return json;
 }
 
 }  // namespace qv

@@ -18,6 +18,9 @@ using Json = nlohmann::ordered_json;
 std::optional<Value> valueFromJson(const Json& json, const std::string& where, std::string* error);
 Json jsonFromValue(const Value& value);
 
+// Reads a whole JSON file of at most `maxBytes`; nullopt and "PATH: reason" on failure.
+std::optional<Json> readJsonFile(const std::string& path, std::size_t maxBytes, std::string* error);
+
 std::string base64Encode(const Data& data);
 // nullopt for anything that is not canonical base64 (padding optional, blanks refused).
 std::optional<Data> base64Decode(std::string_view text);

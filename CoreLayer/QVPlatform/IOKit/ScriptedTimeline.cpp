@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <set>
-#include <sstream>
 
 namespace qv {
 
@@ -290,30 +288,11 @@ std::optional<ScriptedTimeline> ScriptedTimeline::fromJson(const Json& json, std
 
 std::optional<ScriptedTimeline> ScriptedTimeline::fromFile(const std::string& path,
                                                            std::string* error) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        if (error != nullptr) {
-            *error = path + ": cannot be read";
-        }
+    auto json = readJsonFile(path, kMaxTimelineFileSize, error);
+    if (!json) {
         return std::nullopt;
     }
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    std::string text = buffer.str();
-    if (text.size() > kMaxTimelineFileSize) {
-        if (error != nullptr) {
-            *error = path + ": larger than 64 MiB";
-        }
-        return std::nullopt;
-    }
-    Json json = Json::parse(text, nullptr, false);
-    if (json.is_discarded()) {
-        if (error != nullptr) {
-            *error = path + ": not valid JSON";
-        }
-        return std::nullopt;
-    }
-    return fromJson(json, error);
+    return fromJson(*json, error);
 }
 
 }  // namespace qv

@@ -1,0 +1,41 @@
+// One hot-plug story for `qvdevice simulate`: the registry timeline, the modems behind the serial
+// ports, and how the application uses the framework. Read from JSON and checked whole before
+// anything runs; the format is described in docs/simulate.md.
+#pragma once
+
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Foundation/JsonValue.h"
+#include "Foundation/Value.h"
+#include "IOKit/ScriptedTimeline.h"
+
+namespace qvdevice {
+
+struct SimulationOptions {
+    std::optional<std::string> database;  // path; the shipped database when absent
+    std::optional<qv::Value> rules;       // an array of rule dictionaries
+    std::optional<std::string> rulesFile;
+    bool genericMonitor = false;  // "monitor": "generic"
+    int systemVersion = 0x1050;
+    std::optional<bool> acceptNotAllowedDevices;
+    std::optional<int> defaultDevice;
+    bool startQueue = false;
+    std::optional<bool> autorepeatNetInfo;
+    std::set<std::string> runningApplications;
+    std::optional<double> until;
+};
+
+struct SimulationScenario {
+    SimulationOptions options;
+    qv::ScriptedTimeline timeline;
+    qv::Value modems;  // dictionary: port path -> modem description (may be nil)
+
+    // nullopt and one line naming the place on any error.
+    static std::optional<SimulationScenario> fromJson(const qv::Json& json, std::string* error);
+    static std::optional<SimulationScenario> fromFile(const std::string& path, std::string* error);
+};
+
+}  // namespace qvdevice
