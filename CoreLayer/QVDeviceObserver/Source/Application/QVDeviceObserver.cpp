@@ -1,0 +1,194 @@
+#include "Application/QVDeviceObserver.h"
+
+#include "Application/QVModemStatusListeners.h"
+#include "Foundation/Logging.h"
+#include "Model/QVDevice.h"
+#include "Model/QVSerialInterface.h"
+#include "QVGsmKit/GsmRequests.h"
+#include "Recognition/QVDeviceMonitor.h"
+
+namespace {
+
+std::shared_ptr<QVDeviceObserver>& sharedObserver() {
+    static std::shared_ptr<QVDeviceObserver> shared;
+    return shared;
+}
+
+std::string productNameOf(const std::shared_ptr<QVDevice>& device) {
+    return device && device->productName() ? *device->productName() : std::string();
+}
+
+}  // namespace
+
+std::shared_ptr<QVDeviceObserver> QVDeviceObserver::getInstance() {
+    auto& shared = sharedObserver();
+    if (!shared) {
+        shared = create();
+    }
+    return shared;
+}
+
+void QVDeviceObserver::resetSharedForTesting() { sharedObserver().reset(); }
+
+std::shared_ptr<QVDeviceObserver> QVDeviceObserver::create() {
+    return initWithDeviceMonitor(QVDeviceMonitor::create());
+}
+
+std::shared_ptr<QVDeviceObserver> QVDeviceObserver::initWithDeviceMonitor(
+    std::shared_ptr<QVDeviceMonitor> monitor) {
+    return std::shared_ptr<QVDeviceObserver>(new QVDeviceObserver(std::move(monitor)));
+}
+
+QVDeviceObserver::QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor)
+    : _deviceMonitor(std::move(monitor)) {
+    if (_deviceMonitor) {
+        _deviceMonitor->setDelegate(this);
+    }
+    setAutorepeatNetInfo(true);
+}
+
+QVDeviceObserver::~QVDeviceObserver() {
+    if (_deviceMonitor && _deviceMonitor->delegate() == this) {
+        _deviceMonitor->setDelegate(nullptr);
+    }
+}
+
+void QVDeviceObserver::start() {
+    _deviceList.clear();
+    if (_deviceMonitor) {
+        _deviceMonitor->setDelegate(this);
+        _deviceMonitor->start();
+    }
+}
+
+void QVDeviceObserver::stop() {
+    // The delegate goes first, so nobody hears of the devices that were present; the list stays
+    // readable until the next start replaces it.
+    if (_deviceMonitor) {
+        _deviceMonitor->setDelegate(nullptr);
+        _deviceMonitor->teardown();
+    }
+}
+
+void QVDeviceObserver::setAllowedDevicesRules(qv::Value rules) {
+    if (_deviceMonitor) {
+        _deviceMonitor->setAllowedDevicesRules(std::move(rules));
+    }
+}
+
+std::shared_ptr<QVDevice> QVDeviceObserver::device(std::int32_t index) const {
+    if (index < 0 || static_cast<std::size_t>(index) >= _deviceList.size()) {
+        return nullptr;
+    }
+    return _deviceList[static_cast<std::size_t>(index)];
+}
+
+void QVDeviceObserver::setDefaultDevice(std::int32_t index) {
+    // Compared as unsigned numbers, so -1 is refused too: a default can move, never be cleared.
+    if (index >= -1 && static_cast<std::uint32_t>(index) < _deviceList.size()) {
+        _defaultDevice = index;
+    }
+}
+
+void QVDeviceObserver::devicesChanged() {
+    qv::logRecognition("==> Device list changed");
+    update();
+}
+
+void QVDeviceObserver::update() {
+    auto device = defaultDevice();
+    if (!device) {
+        return;
+    }
+    auto port = device->portWithCapability("NetworkQuery");
+    std::string portName = port ? port->name() : std::string();
+    const int deviceId = device->qvDeviceId();
+    startGroundInitEx(deviceId, portName, kGroundInitScript, groundInitListener, this);
+    if (getTheDeviceInfo(deviceId, portName, getDeviceInfoListener, this) == 0) {
+        qv::logRecognition("Fatal error: Start Get OGTC status error(enabled or disabled)...");
+    }
+}
+
+void QVDeviceObserver::fireStartGetNetInfo() {
+    setAutorepeatNetInfo(true);
+    QVPrioQueue::getInstance()->addTask(shared_from_this(), kNetworkQueryPriority);
+}
+
+void QVDeviceObserver::executeInBackground(QVPrioQueue& queue) {
+    (void)queue;
+    auto device = defaultDevice();
+    if (!device) {
+        return;
+    }
+    auto port = device->portWithCapability("NetworkQuery");
+    startGetNetworkInfoEx(device->qvDeviceId(), port ? port->name() : std::string(),
+                          gsmGetNetworkInfoListener, this);
+}
+
+void QVDeviceObserver::networkInfoDidUpdate(const qv::Value& info) {
+    _netInfo = info;
+    qv::logRecognition("==> Network Info did update");
+    if (_delegate) {
+        _delegate->noteNetworkInfoDidUpdate(_netInfo, defaultDevice());
+    }
+}
+
+void QVDeviceObserver::deviceInfoDidUpdate(const qv::Value& info) {
+    _deviceInfo = info.isDictionary() ? info : qv::Value(qv::Dictionary());
+}
+
+void QVDeviceObserver::deviceDidRecognize() {
+    if (_delegate) {
+        _delegate->noteDeviceDidRecognize(defaultDevice());
+    }
+}
+
+void QVDeviceObserver::deviceRecognitionError(int code) {
+    if (_delegate) {
+        _delegate->noteDeviceRecognitionError(code);
+    }
+}
+
+void QVDeviceObserver::noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) {
+    // "VQ" and the missing blank are what this line has always looked like.
+    qv::logRecognition("VQDeviceObserver.noteDeviceBecameAvailable:Device '%@' added...",
+                       qv::Value(productNameOf(device)));
+    _deviceList.push_back(device);
+    if (_delegate) {
+        _delegate->noteDeviceBecameAvailable(device);
+    }
+}
+
+void QVDeviceObserver::noteDeviceBecameMissing(const std::shared_ptr<QVDevice>& device) {
+    qv::logRecognition("VQDeviceObserver.noteDeviceBecameMissing: Device '%@' removed...",
+                       qv::Value(productNameOf(device)));
+    if (_delegate) {
+        _delegate->noteDeviceBecameMissing(device);
+    }
+    // removeObject: takes every equal entry.
+    std::erase_if(_deviceList, [&](const std::shared_ptr<QVDevice>& listed) {
+        return listed == device || (listed && device && listed->isEqual(*device));
+    });
+    deviceInfoDidUpdate(qv::Value());
+}
+
+void QVDeviceObserver::noteDeviceIdentificationStarted() {
+    if (_delegate) {
+        _delegate->noteDeviceIdentificationStarted();
+    }
+}
+
+void QVDeviceObserver::noteDeviceIdentificationStopped() {
+    if (_delegate) {
+        _delegate->noteDeviceIdentificationStopped();
+    }
+}
+
+// The application hears nothing of devices that were rejected or could not be identified.
+void QVDeviceObserver::noteStartedIdentifyingDevice(const std::shared_ptr<QVDevice>& device) {
+    (void)device;
+}
+
+void QVDeviceObserver::noteCouldNotIdentifyDevice(const std::shared_ptr<QVDevice>& device) {
+    (void)device;
+}

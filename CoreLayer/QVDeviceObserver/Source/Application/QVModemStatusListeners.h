@@ -1,0 +1,15 @@
+// The three listener functions the modem library calls with its answers for the device observer
+// (the context). They turn result codes into observer calls: 7 is success, 11/12/18 are
+// initialisation errors, 20 asks the application to quit, 12/19 are network-information failures.
+#pragma once
+
+#include "Foundation/Value.h"
+
+extern "C" {
+
+// `data` points to one slot holding a dictionary, for a success; it may be null.
+void groundInitListener(int code, void* context, qv::Value* data);
+void getDeviceInfoListener(int code, void* context, qv::Value* data);
+void gsmGetNetworkInfoListener(int code, void* context, qv::Value* data, int complete);
+
+}

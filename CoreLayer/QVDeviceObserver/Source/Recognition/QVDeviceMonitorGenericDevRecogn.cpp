@@ -1,0 +1,131 @@
+#include "Recognition/QVDeviceMonitorGenericDevRecogn.h"
+
+#include "Events/QVDeviceNotificationCenter.h"
+#include "Foundation/Exception.h"
+#include "Foundation/Logging.h"
+#include "Foundation/NotificationCenter.h"
+#include "IOKit/IOKitLib.h"
+#include "Knowledge/QVDeviceDatabase.h"
+#include "Knowledge/QVDeviceTableLookups.h"
+#include "Model/QVUSBDevice.h"
+#include "Preparation/QVDriverDiskEjector.h"
+#include "Rules/QVDeviceFilter.h"
+
+std::shared_ptr<QVDeviceMonitor> QVDeviceMonitorGenericDevRecogn::create() {
+    return std::shared_ptr<QVDeviceMonitor>(new QVDeviceMonitorGenericDevRecogn());
+}
+
+void QVDeviceMonitorGenericDevRecogn::registerForDeviceNotifications() {
+    // One subscription for every USB device; the known-vendor gate still drops strangers.
+    listenForNotificationsForMatchingDictionary(IOServiceMatching("IOUSBDevice"));
+}
+
+void QVDeviceMonitorGenericDevRecogn::listenForNotificationsForVendorID(int vendorID,
+                                                                        int productID) {
+    (void)vendorID;
+    (void)productID;
+    qv::raiseAssertion("Use of this method is prohibited!",
+                       "CoreLayer/QVDeviceObserver/Source/QVDeviceMonitorGenericDevRecogn", 211);
+}
+
+void QVDeviceMonitorGenericDevRecogn::timeoutHandlingDevice(
+    const std::shared_ptr<QVIODevice>& ioDevice) {
+    qv::logRecognition("Standard recognition timed out: %@", ioDevice);
+    tryToIdentifyGenericDevice(ioDevice);
+}
+
+void QVDeviceMonitorGenericDevRecogn::deviceRecognizedButNoRuleExistForIt(
+    const std::shared_ptr<QVUSBDevice>& device, const std::shared_ptr<QVIODevice>& ioDevice) {
+    QVDeviceMonitor::deviceRecognizedButNoRuleExistForIt(device, ioDevice);
+    tryToIdentifyGenericDevice(ioDevice);
+}
+
+void QVDeviceMonitorGenericDevRecogn::tryToIdentifyGenericDevice(
+    const std::shared_ptr<QVIODevice>& ioDevice) {
+    qv::logRecognition("Try to recognize generic device: %@", ioDevice);
+    if (didIdentifyGenericIODevice(ioDevice)) {
+        return;
+    }
+    qv::logRecognition("Generic device could not be recognized");
+    deviceCouldNotBeRecognized(ioDevice);
+}
+
+bool QVDeviceMonitorGenericDevRecogn::didIdentifyGenericIODevice(
+    const std::shared_ptr<QVIODevice>& ioDevice) {
+    ioDevice->updateFromIORegistry();
+    const std::int32_t genericID = QVDeviceTableLookups::genericDeviceQVIDForVendorID(
+        static_cast<std::uint32_t>(ioDevice->vendorID()));
+    if (ioDevice->vendorID() == kHuaweiVendorID) {
+        _diskSupressor->addDevice(ioDevice);
+    }
+    // The monitor's accept flag is deliberately not handed to this filter.
+    QVDeviceFilter filter(_allowedDevicesRules);
+    if (ioDevice->isMissingSerialAndEthernetInterfaces()) {
+        if (filter.allowesDriverRequest(*ioDevice)) {
+            noteRequestDriver(ioDevice);
+        }
+        return false;
+    }
+    auto device = QVUSBDevice::create();
+    device->setQuorvelID(genericID);
+    if (device->isMissingQuorvelID()) {
+        return false;
+    }
+    device->initializeFromIODevice(ioDevice);
+    if (!ioDevice->hasSerialPorts()) {
+        return false;
+    }
+    if (_delegate) {
+        _delegate->noteStartedIdentifyingDevice(device);
+    }
+    switch (tryToMatchDeviceDatabaseEntryForQVDevice(device, ioDevice, kApproachTable)) {
+        case kMatchNoRule:
+            qv::logRecognition("Device is recognized but no rule could be found for it");
+            if (_delegate) {
+                _delegate->noteCouldNotIdentifyDevice(device);
+            }
+            return false;
+        case kMatchRejected:
+            qv::logRecognition("Device is recognized but not allowed. Throwing it away!");
+            if (_delegate) {
+                _delegate->noteCouldNotIdentifyDevice(device);
+            }
+            return false;
+        case kMatchAllowed: {
+            if (genericID != kOptionGenericQuorvelID) {
+                device->couldIdentifyWithATCommandsFromIODevice(ioDevice);
+            }
+            if (filter.isExcludedGenericDevice(*device) == 1) {
+                qv::logRecognition(
+                    "Device is rcognized but excluded (generic exclusion pattern). Throwing it "
+                    "away!");
+                if (_delegate) {
+                    _delegate->noteCouldNotIdentifyDevice(device);
+                }
+                return false;
+            }
+            const auto& entry = device->databaseEntry();
+            if (entry && entry->shouldSupressDisk()) {
+                _diskSupressor->addDevice(ioDevice);
+            }
+            renameDeviceIfNeccessary(device);
+            // The array is used as it is here: after a teardown there is none to add to.
+            if (auto* identified = identifiedDevicesArray()) {
+                identified->push_back(device);
+            }
+            pushDevice(device);
+            if (_delegate) {
+                _delegate->noteDeviceBecameAvailable(device);
+            }
+            return true;
+        }
+        default:
+            return false;
+    }
+}
+
+void QVDeviceMonitorGenericDevRecogn::noteRequestDriver(
+    const std::shared_ptr<QVIODevice>& ioDevice) {
+    qv::NotificationCenter::defaultCenter().post(kDriverRequestNotification, ioDevice);
+    qv::logSystem("Notify that a driver request is allowed for %@.", ioDevice);
+}

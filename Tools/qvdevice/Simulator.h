@@ -1,0 +1,33 @@
+// The simulator behind `qvdevice simulate`: plays one scenario in virtual time through the real
+// framework (observer, monitor, notification center, ejector, rules, modem library with scripted
+// modems), as an application would use it, and collects every observable event in time order.
+// Tests drive it through run() rather than by parsing the tool's output.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "SimulationEvent.h"
+#include "SimulationScenario.h"
+
+namespace qvdevice {
+
+struct SimulationResult {
+    bool ok = false;
+    std::string error;  // one line when !ok: nothing ran
+    std::vector<SimulationEvent> events;
+};
+
+class Simulator {
+  public:
+    // Seconds played after the last timeline event when the scenario gives no end: long enough for
+    // a 30 s handling time-out and a few polling rounds.
+    static constexpr double kDefaultTail = 35.0;
+
+    // `until` overrides the scenario's own end.
+    static SimulationResult run(const SimulationScenario& scenario,
+                                std::optional<double> until = std::nullopt);
+};
+
+}  // namespace qvdevice
