@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <system_error>
 #include <utility>
 
@@ -65,9 +66,34 @@ void Bundle::setResourcesDirectory(std::optional<std::string> directory) {
     gResourcesOverride = std::move(directory);
 }
 
+namespace {
+
+std::map<std::string, std::string>& resourceReplacements() {
+    static std::map<std::string, std::string> replacements;
+    return replacements;
+}
+
+}  // namespace
+
+void Bundle::setPathForResource(const std::string& name, const std::string& type,
+                                std::optional<std::string> path) {
+    std::string fileName = type.empty() ? name : name + "." + type;
+    if (path) {
+        resourceReplacements()[fileName] = std::move(*path);
+    } else {
+        resourceReplacements().erase(fileName);
+    }
+}
+
 std::optional<std::string> Bundle::pathForResource(const std::string& name,
                                                    const std::string& type) {
     std::string fileName = type.empty() ? name : name + "." + type;
+    if (auto it = resourceReplacements().find(fileName); it != resourceReplacements().end()) {
+        if (!isRegularFile(it->second)) {
+            return std::nullopt;
+        }
+        return it->second;
+    }
     if (!isPlainFileName(name) || !isPlainFileName(fileName)) {
         return std::nullopt;
     }

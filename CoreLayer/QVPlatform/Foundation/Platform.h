@@ -23,6 +23,10 @@ class Bundle {
     // pathForResource:ofType: — the full path when the file exists, otherwise nothing.
     static std::optional<std::string> pathForResource(const std::string& name,
                                                       const std::string& type);
+    // Puts another file in the place of one resource (the simulator's own device database);
+    // nullopt removes the replacement.
+    static void setPathForResource(const std::string& name, const std::string& type,
+                                   std::optional<std::string> path);
     // A helper program shipped in the resources (the disk unmounter, CardPrepTool).
     static std::string pathForHelperTool(const std::string& name);
 };

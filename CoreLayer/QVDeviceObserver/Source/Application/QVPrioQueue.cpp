@@ -5,9 +5,28 @@
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
 
-std::shared_ptr<QVPrioQueue> QVPrioQueue::getInstance() {
-    static std::shared_ptr<QVPrioQueue> instance = create();
+namespace {
+
+std::shared_ptr<QVPrioQueue>& sharedQueue() {
+    static std::shared_ptr<QVPrioQueue> instance;
     return instance;
+}
+
+}  // namespace
+
+std::shared_ptr<QVPrioQueue> QVPrioQueue::getInstance() {
+    auto& instance = sharedQueue();
+    if (!instance) {
+        instance = create();
+    }
+    return instance;
+}
+
+void QVPrioQueue::resetSharedForTesting() {
+    if (auto& instance = sharedQueue()) {
+        instance->stopExecution();
+        instance.reset();
+    }
 }
 
 std::shared_ptr<QVPrioQueue> QVPrioQueue::create() {

@@ -25,6 +25,8 @@ class QVPrioQueue : public qv::Object, public std::enable_shared_from_this<QVPri
 
     static std::shared_ptr<QVPrioQueue> getInstance();
     static std::shared_ptr<QVPrioQueue> create();
+    // Stops and forgets the shared queue, so that the next story starts with a fresh one.
+    static void resetSharedForTesting();
     ~QVPrioQueue() override;
 
     // Schedules a new repeating 1.0 s timer on the current run loop. A second call leaves two

@@ -1,0 +1,321 @@
+#include "Simulator.h"
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+
+#include "Application/QVDeviceObserver.h"
+#include "Application/QVPrioQueue.h"
+#include "Events/QVDeviceNotificationCenter.h"
+#include "Foundation/Logging.h"
+#include "Foundation/NotificationCenter.h"
+#include "Foundation/Platform.h"
+#include "Foundation/Task.h"
+#include "IOKit/Registry.h"
+#include "IOKit/ScriptedFeeder.h"
+#include "Model/QVDevice.h"
+#include "QVGsmKit/GsmBackend.h"
+#include "QVGsmKit/ScriptedGsmBackend.h"
+#include "Recognition/QVDeviceMonitor.h"
+#include "Recognition/QVDeviceMonitorGenericDevRecogn.h"
+#include "Rules/QVDeviceFilter.h"
+#include "RunLoop/VirtualRunLoop.h"
+
+namespace qvdevice {
+
+namespace {
+
+// Collects the events of one run, stamped with the virtual time since the start.
+class EventRecorder {
+  public:
+    EventRecorder(const qv::VirtualRunLoop& loop, double origin) : loop_(loop), origin_(origin) {}
+
+    void add(std::string kind, qv::Json fields) {
+        events_.push_back(SimulationEvent{loop_.now() - origin_, std::move(kind), std::move(fields)});
+    }
+    void addCall(const char* kind, const std::string& call,
+                 const std::shared_ptr<QVDevice>& device = nullptr) {
+        qv::Json fields = qv::Json::object();
+        fields["call"] = call;
+        if (device) {
+            fields["device"] = qv::jsonFromValue(device->toDictionary());
+        }
+        add(kind, std::move(fields));
+    }
+    std::vector<SimulationEvent> take() { return std::move(events_); }
+
+  private:
+    const qv::VirtualRunLoop& loop_;
+    double origin_;
+    std::vector<SimulationEvent> events_;
+};
+
+// The observer as the application gets it, with every monitor callback written down first.
+class RecordingObserver : public QVDeviceObserver {
+  public:
+    static std::shared_ptr<RecordingObserver> create(std::shared_ptr<QVDeviceMonitor> monitor,
+                                                     EventRecorder& recorder) {
+        return std::shared_ptr<RecordingObserver>(
+            new RecordingObserver(std::move(monitor), recorder));
+    }
+
+    void noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) override {
+        recorder_.addCall("monitor", "noteDeviceBecameAvailable:", device);
+        QVDeviceObserver::noteDeviceBecameAvailable(device);
+    }
+    void noteDeviceBecameMissing(const std::shared_ptr<QVDevice>& device) override {
+        recorder_.addCall("monitor", "noteDeviceBecameMissing:", device);
+        QVDeviceObserver::noteDeviceBecameMissing(device);
+    }
+    void noteDeviceIdentificationStarted() override {
+        recorder_.addCall("monitor", "noteDeviceIdentificationStarted");
+        QVDeviceObserver::noteDeviceIdentificationStarted();
+    }
+    void noteDeviceIdentificationStopped() override {
+        recorder_.addCall("monitor", "noteDeviceIdentificationStopped");
+        QVDeviceObserver::noteDeviceIdentificationStopped();
+    }
+    void noteStartedIdentifyingDevice(const std::shared_ptr<QVDevice>& device) override {
+        recorder_.addCall("monitor", "noteStartedIdentifyingDevice:", device);
+        QVDeviceObserver::noteStartedIdentifyingDevice(device);
+    }
+    void noteCouldNotIdentifyDevice(const std::shared_ptr<QVDevice>& device) override {
+        recorder_.addCall("monitor", "noteCouldNotIdentifyDevice:", device);
+        QVDeviceObserver::noteCouldNotIdentifyDevice(device);
+    }
+
+  private:
+    RecordingObserver(std::shared_ptr<QVDeviceMonitor> monitor, EventRecorder& recorder)
+        : QVDeviceObserver(std::move(monitor)), recorder_(recorder) {}
+    EventRecorder& recorder_;
+};
+
+// The application: keeps its own list of devices, writes down what it hears, and chooses the
+// default device once its list is long enough.
+class SimulatedApplication : public QVDeviceObserverDelegate {
+  public:
+    SimulatedApplication(EventRecorder& recorder, std::optional<int> defaultDevice)
+        : recorder_(recorder), defaultDevice_(defaultDevice) {}
+
+    void setObserver(std::weak_ptr<QVDeviceObserver> observer) { observer_ = std::move(observer); }
+
+    void noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) override {
+        recorder_.addCall("application", "noteDeviceBecameAvailable:", device);
+        devices_.push_back(device);
+        // The list has just become long enough: the application picks its default device, after
+        // this call has returned, as an application reacting to the news would.
+        if (defaultDevice_ && *defaultDevice_ >= 0 &&
+            devices_.size() == static_cast<std::size_t>(*defaultDevice_) + 1) {
+            std::weak_ptr<QVDeviceObserver> observer = observer_;
+            int index = *defaultDevice_;
+            qv::RunLoop::current().post([observer, index]() {
+                if (auto strong = observer.lock()) {
+                    strong->setDefaultDevice(index);
+                    strong->devicesChanged();
+                }
+            });
+        }
+    }
+    void noteDeviceBecameMissing(const std::shared_ptr<QVDevice>& device) override {
+        recorder_.addCall("application", "noteDeviceBecameMissing:", device);
+        std::erase(devices_, device);
+    }
+    void noteDeviceIdentificationStarted() override {
+        recorder_.addCall("application", "noteDeviceIdentificationStarted");
+    }
+    void noteDeviceIdentificationStopped() override {
+        recorder_.addCall("application", "noteDeviceIdentificationStopped");
+    }
+    void noteDeviceDidRecognize(const std::shared_ptr<QVDevice>& device) override {
+        recorder_.addCall("application", "noteDeviceDidRecognize:", device);
+    }
+    void noteDeviceRecognitionError(int code) override {
+        qv::Json fields = qv::Json::object();
+        fields["call"] = "noteDeviceRecognitionError:";
+        fields["code"] = code;
+        recorder_.add("application", std::move(fields));
+    }
+    void noteNetworkInfoDidUpdate(const qv::Value& info,
+                                  const std::shared_ptr<QVDevice>& sender) override {
+        qv::Json fields = qv::Json::object();
+        fields["call"] = "noteNetworkInfoDidUpdate:sender:";
+        fields["info"] = qv::jsonFromValue(info);
+        if (sender) {
+            fields["device"] = qv::jsonFromValue(sender->toDictionary());
+        }
+        recorder_.add("application", std::move(fields));
+    }
+
+  private:
+    EventRecorder& recorder_;
+    std::optional<int> defaultDevice_;
+    std::weak_ptr<QVDeviceObserver> observer_;
+    std::vector<std::shared_ptr<QVDevice>> devices_;
+};
+
+// Every process-wide seam the run replaces, put back when the run ends however it ends.
+class SeamInstallation {
+  public:
+    SeamInstallation() = default;
+    SeamInstallation(const SeamInstallation&) = delete;
+    SeamInstallation& operator=(const SeamInstallation&) = delete;
+    ~SeamInstallation() {
+        qv::setNamedLogSink({});
+        qv::setSystemLogSink({});
+        qv::setStandardOutputSink({});
+        if (notificationToken_ != 0) {
+            qv::NotificationCenter::defaultCenter().removeObserver(notificationToken_);
+        }
+        qv::TaskLauncher::setShared(nullptr);
+        qv::Workspace::setShared(nullptr);
+        qv::SystemVersion::set(std::nullopt);
+        qv::Bundle::setPathForResource("DeviceDatabase", "plist", std::nullopt);
+        qv::ApplicationTermination::setHandler({});
+        GsmBackend::setCurrent(nullptr);
+        resetFrameworkSingletons();
+        qv::RunLoop::setCurrent(nullptr);
+    }
+
+    static void resetFrameworkSingletons() {
+        QVDeviceObserver::resetSharedForTesting();
+        QVDeviceMonitor::resetSharedForTesting();
+        QVPrioQueue::resetSharedForTesting();
+        QVDeviceNotificationCenter::resetSharedForTesting();
+        qv::Registry::resetShared();
+    }
+
+    qv::NotificationCenter::Token notificationToken_ = 0;
+};
+
+std::optional<qv::Value> loadRules(const SimulationOptions& options, std::string* error) {
+    if (options.rules) {
+        return *options.rules;
+    }
+    if (!options.rulesFile) {
+        return qv::Value();
+    }
+    auto rules = QVDeviceFilter::allowedDeviceRulesFromFile(*options.rulesFile);
+    if (!rules) {
+        *error = "options.rulesFile: " + *options.rulesFile +
+                 " cannot be read as a plain or enciphered rules file";
+        return std::nullopt;
+    }
+    return rules;
+}
+
+}  // namespace
+
+SimulationResult Simulator::run(const SimulationScenario& scenario, std::optional<double> until) {
+    SimulationResult result;
+    const SimulationOptions& options = scenario.options;
+
+    std::string error;
+    auto backend = ScriptedGsmBackend::fromDescription(scenario.modems, "modems", &error);
+    if (!backend) {
+        result.error = error;
+        return result;
+    }
+    auto rules = loadRules(options, &error);
+    if (!rules) {
+        result.error = error;
+        return result;
+    }
+    if (options.database && !std::ifstream(*options.database)) {
+        result.error = "options.database: " + *options.database + " cannot be read";
+        return result;
+    }
+
+    SeamInstallation seams;
+    SeamInstallation::resetFrameworkSingletons();
+    auto loop = std::make_shared<qv::VirtualRunLoop>();
+    qv::RunLoop::setCurrent(loop);
+    const double origin = loop->now();
+    EventRecorder recorder(*loop, origin);
+    bool terminated = false;
+
+    qv::setNamedLogSink([&](const std::string& log, const std::string& message) {
+        qv::Json fields = qv::Json::object();
+        fields["log"] = log;
+        fields["message"] = message;
+        recorder.add("log", std::move(fields));
+    });
+    qv::setSystemLogSink([&](const std::string& line) {
+        recorder.add("syslog", qv::Json{{"message", line}});
+    });
+    qv::setStandardOutputSink([&](const std::string& line) {
+        recorder.add("stdout", qv::Json{{"message", line}});
+    });
+    seams.notificationToken_ = qv::NotificationCenter::defaultCenter().addObserver(
+        "", [&](const qv::Notification& note) {
+            recorder.add("notification", qv::Json{{"name", note.name}});
+        });
+    auto launcher = std::make_shared<qv::RecordingTaskLauncher>();
+    launcher->setObserver([&](const qv::RecordingTaskLauncher::Record& record) {
+        recorder.add("exec", qv::Json{{"argv", record.argv}});
+    });
+    qv::TaskLauncher::setShared(launcher);
+    qv::Workspace::setShared(std::make_shared<qv::FixedWorkspace>(options.runningApplications));
+    qv::SystemVersion::set(options.systemVersion);
+    if (options.database) {
+        qv::Bundle::setPathForResource("DeviceDatabase", "plist", *options.database);
+    }
+    qv::ApplicationTermination::setHandler([&]() {
+        recorder.addCall("application", "terminate:");
+        terminated = true;
+    });
+    backend->setCallObserver([&](const GsmCallRecord& call) {
+        recorder.add("gsm", call.toJson());
+    });
+    GsmBackend::setCurrent(backend);
+
+    // The application's side, in the order an application does it.
+    std::shared_ptr<QVDeviceMonitor> monitor = options.genericMonitor
+                                                   ? QVDeviceMonitorGenericDevRecogn::create()
+                                                   : QVDeviceMonitor::create();
+    if (options.acceptNotAllowedDevices) {
+        monitor->setAcceptNotAllowedDevices(*options.acceptNotAllowedDevices);
+    }
+    SimulatedApplication application(recorder, options.defaultDevice);
+    auto observer = RecordingObserver::create(monitor, recorder);
+    application.setObserver(observer);
+    observer->setDelegate(&application);
+    observer->setAllowedDevicesRules(*rules);
+    if (options.autorepeatNetInfo) {
+        observer->setAutorepeatNetInfo(*options.autorepeatNetInfo);
+    }
+
+    qv::ScriptedFeeder feeder(qv::Registry::shared(), scenario.timeline);
+    feeder.schedule(*loop, origin);
+    observer->start();
+    if (options.startQueue) {
+        QVPrioQueue::getInstance()->startExecution();
+    }
+
+    const double end =
+        origin + until.value_or(options.until.value_or(scenario.timeline.endTime() + kDefaultTail));
+    while (!terminated && loop->now() < end) {
+        double next = loop->nextFireTime();
+        try {
+            loop->runUntil(next < 0.0 || next > end ? end : std::max(next, loop->now()));
+        } catch (const std::exception& e) {
+            // A raise inside the framework ends that turn of the loop, as on the host, and is
+            // shown; the story goes on.
+            recorder.add("stdout",
+                         qv::Json{{"message", std::string("uncaught exception: ") + e.what()}});
+        }
+    }
+
+    // The story is over: the application quits without further output.
+    qv::setNamedLogSink([](const std::string&, const std::string&) {});
+    qv::setSystemLogSink([](const std::string&) {});
+    qv::setStandardOutputSink([](const std::string&) {});
+    backend->setCallObserver({});
+    launcher->setObserver({});
+    observer->setDelegate(nullptr);
+    observer->stop();
+    result.events = recorder.take();
+    result.ok = true;
+    return result;
+}
+
+}  // namespace qvdevice
