@@ -305,6 +305,11 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
         }
     }
 
+    result.pendingAtEnd = monitor->addedIODevices().size();
+    if (auto identified = monitor->identifiedDevices()) {
+        result.identifiedAtEnd = identified->size();
+    }
+
     // The story is over: the application quits without further output.
     qv::setNamedLogSink([](const std::string&, const std::string&) {});
     qv::setSystemLogSink([](const std::string&) {});

@@ -17,6 +17,10 @@ struct SimulationResult {
     bool ok = false;
     std::string error;  // one line when !ok: nothing ran
     std::vector<SimulationEvent> events;
+    // The framework's state when the story ended: devices still waiting for identification, and
+    // devices recognised and present.
+    std::size_t pendingAtEnd = 0;
+    std::size_t identifiedAtEnd = 0;
 };
 
 class Simulator {

@@ -1,0 +1,62 @@
+// Builds simulator scenarios in code for the story tests: sticks with their interfaces, ports,
+// driver CDs and network interfaces, plugged and unplugged at given virtual times.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Foundation/JsonValue.h"
+#include "SimulationEvent.h"
+#include "Simulator.h"
+
+namespace qvtest {
+
+struct StickSpec {
+    std::string id;
+    int vendorID = 0;
+    int productID = 0;
+    long long locationID = 0x1A100000;
+    std::string productName = "Modem";
+    std::vector<std::string> ttys;  // kernel names, in interface order
+    std::optional<std::string> cdrom;
+    std::optional<std::string> network;
+};
+
+class StoryBuilder {
+  public:
+    StoryBuilder();
+
+    // The whole stick at once.
+    StoryBuilder& plug(double at, const StickSpec& stick);
+    // Only the bare device, ports later with addPorts().
+    StoryBuilder& plugBare(double at, const StickSpec& stick);
+    StoryBuilder& addPorts(double at, const StickSpec& stick);
+    StoryBuilder& removeEntry(double at, const std::string& id);
+    StoryBuilder& unplug(double at, const std::string& stickId) { return removeEntry(at, stickId); }
+    StoryBuilder& option(const std::string& key, qv::Json value);
+    StoryBuilder& modem(const std::string& tty, qv::Json description);
+
+    qv::Json json() const { return scenario_; }
+    qvdevice::SimulationResult run(std::optional<double> until = std::nullopt) const;
+
+  private:
+    qv::Json scenario_;
+};
+
+// The test database beside the fixtures.
+std::string testDatabasePath();
+
+// Events of one kind (and call, when given), in order.
+std::vector<qvdevice::SimulationEvent> eventsOf(const qvdevice::SimulationResult& result,
+                                                const std::string& kind,
+                                                const std::string& call = "");
+// Log messages of the named log, in order.
+std::vector<std::string> logMessages(const qvdevice::SimulationResult& result);
+bool hasLogLine(const qvdevice::SimulationResult& result, const std::string& message);
+bool hasLogPrefix(const qvdevice::SimulationResult& result, const std::string& prefix);
+// The time of the first event of that kind and call; -1 when there is none.
+double firstTime(const qvdevice::SimulationResult& result, const std::string& kind,
+                 const std::string& call = "");
+
+}  // namespace qvtest
