@@ -176,7 +176,11 @@ class SeamInstallation {
         qv::RunLoop::setCurrent(nullptr);
     }
 
+    // Subscriptions and snapshots go before the registry they point into.
     static void resetFrameworkSingletons() {
+        qv::setNamedLogSink([](const std::string&, const std::string&) {});
+        QVDeviceNotificationCenter::defaultDeviceNotificationCenter()->removeAllNotifications();
+        qv::setNamedLogSink({});
         QVDeviceObserver::resetSharedForTesting();
         QVDeviceMonitor::resetSharedForTesting();
         QVPrioQueue::resetSharedForTesting();
@@ -269,9 +273,15 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     GsmBackend::setCurrent(backend);
 
     // The application's side, in the order an application does it.
-    std::shared_ptr<QVDeviceMonitor> monitor = options.genericMonitor
-                                                   ? QVDeviceMonitorGenericDevRecogn::create()
-                                                   : QVDeviceMonitor::create();
+    std::shared_ptr<QVDeviceMonitor> monitor;
+    try {
+        monitor = options.genericMonitor ? QVDeviceMonitorGenericDevRecogn::create()
+                                         : QVDeviceMonitor::create();
+    } catch (const std::exception& e) {
+        // The monitor loads the device database as it is made; a malformed one stops it there.
+        result.error = std::string("device database: ") + e.what();
+        return result;
+    }
     if (options.acceptNotAllowedDevices) {
         monitor->setAcceptNotAllowedDevices(*options.acceptNotAllowedDevices);
     }

@@ -19,11 +19,23 @@ const std::string* internedKey(const std::string& key) {
 
 }  // namespace
 
-std::shared_ptr<QVDeviceNotificationCenter>
-QVDeviceNotificationCenter::defaultDeviceNotificationCenter() {
+namespace {
+
+std::shared_ptr<QVDeviceNotificationCenter>& sharedCenter() {
     static std::shared_ptr<QVDeviceNotificationCenter> shared =
         std::make_shared<QVDeviceNotificationCenter>();
     return shared;
+}
+
+}  // namespace
+
+std::shared_ptr<QVDeviceNotificationCenter>
+QVDeviceNotificationCenter::defaultDeviceNotificationCenter() {
+    return sharedCenter();
+}
+
+void QVDeviceNotificationCenter::resetSharedForTesting() {
+    sharedCenter() = std::make_shared<QVDeviceNotificationCenter>();
 }
 
 void QVDeviceNotificationCenter::createNotificationPort() {

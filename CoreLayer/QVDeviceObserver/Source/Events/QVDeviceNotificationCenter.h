@@ -27,6 +27,9 @@ class QVDeviceNotificationCenter : public qv::Object {
   public:
     // The shared center, created on first use; it lives for the process.
     static std::shared_ptr<QVDeviceNotificationCenter> defaultDeviceNotificationCenter();
+    // A fresh shared center for the next story (tests, the simulator); the old one is dropped
+    // with its subscriptions.
+    static void resetSharedForTesting();
 
     QVDeviceNotificationCenter() = default;
     QVDeviceNotificationCenter(const QVDeviceNotificationCenter&) = delete;

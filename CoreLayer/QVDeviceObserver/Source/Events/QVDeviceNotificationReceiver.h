@@ -54,7 +54,8 @@ class QVDeviceNotificationReceiver
     void listenForNotificationsForMatchingDictionary(const qv::Value& matchingDict);
     void listenForNotificationsForVendorID(std::int32_t vendorID, std::int32_t productID,
                                            const char* ioService);
-    void listenForNotificationsForVendorID(std::int32_t vendorID, std::int32_t productID);
+    // Virtual: a receiver that watches every device anyway may forbid it.
+    virtual void listenForNotificationsForVendorID(std::int32_t vendorID, std::int32_t productID);
 
     // The center's deliveries. An empty batch changes nothing.
     void devicesAdded(const QVIODeviceArray& devices) override;

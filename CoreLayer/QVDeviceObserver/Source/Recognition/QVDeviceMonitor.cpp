@@ -1,8 +1,5 @@
 #include "Recognition/QVDeviceMonitor.h"
 
-#include <fstream>
-#include <sstream>
-
 #include "Events/QVDeviceNotificationCenter.h"
 #include "Foundation/Logging.h"
 #include "Foundation/Platform.h"
@@ -27,20 +24,6 @@ bool isUSBDeviceRow(const DevPropertyMatch& row) {
            std::string_view(row.ioKitClass ? row.ioKitClass : "") == "IOUSBDevice";
 }
 
-// stringWithContentsOfFile:encoding:error: — nil when the file is missing or unreadable.
-std::optional<std::string> readWholeFile(const std::optional<std::string>& path) {
-    if (!path) {
-        return std::nullopt;
-    }
-    std::ifstream in(*path, std::ios::binary);
-    if (!in) {
-        return std::nullopt;
-    }
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
-
 }  // namespace
 
 std::shared_ptr<QVDeviceMonitor>& QVDeviceMonitor::sharedSlot() {
@@ -60,8 +43,7 @@ std::shared_ptr<QVDeviceMonitor> QVDeviceMonitor::create() {
 
 QVDeviceMonitor::QVDeviceMonitor() {
     _identifiedDevices.emplace();
-    auto text = readWholeFile(qv::Bundle::pathForResource("DeviceDatabase", "plist"));
-    _deviceDatabase = QVDeviceDatabase::databaseFromPropertyListString(text);
+    _deviceDatabase = QVDeviceDatabase::databaseFromBundle();
     _diskSupressor = QVDriverDiskEjector::create();
     // Systems before 10.5 accepted devices the rules did not allow; that leniency is kept.
     _acceptNotAllowedDevices = qv::SystemVersion::current() <= kLastSystemAcceptingNotAllowedDevices;
@@ -301,8 +283,12 @@ bool QVDeviceMonitor::didIdentifyIODevice(const std::shared_ptr<QVIODevice>& ioD
     unsigned approach = kApproachNoTableID;
     if (canDecideQuorvelIDFromIODevice(*ioDevice)) {
         device->setQuorvelID(static_cast<std::int32_t>(quorvelIDFromIODevice(*ioDevice)));
-        entry = _deviceDatabase ? _deviceDatabase->entryForQuorvelID(device->quorvelID())
-                                : nullptr;
+        // A database without the model's entry answers nil here rather than raising on every
+        // examination tick; the match below then throws the device away with its log line.
+        const auto id = static_cast<std::uint32_t>(device->quorvelID());
+        if (_deviceDatabase && _deviceDatabase->hasEntryForQuorvelID(id)) {
+            entry = _deviceDatabase->entryForQuorvelID(id);
+        }
         approach = kApproachTable;
     }
     device->initializeFromIODevice(ioDevice);
@@ -355,11 +341,12 @@ int QVDeviceMonitor::tryToMatchDeviceDatabaseEntryForQVDevice(
     if (!QVDevice::isValidQuorvelID(device->quorvelID())) {
         return kMatchUndecided;
     }
-    if (!_deviceDatabase || !_deviceDatabase->hasEntryForQuorvelID(device->quorvelID())) {
+    const auto id = static_cast<std::uint32_t>(device->quorvelID());
+    if (!_deviceDatabase || !_deviceDatabase->hasEntryForQuorvelID(id)) {
         qv::logRecognition("Device is recognized, but not in database. Throwing it away!");
         return kMatchRejected;
     }
-    auto entry = _deviceDatabase->entryForQuorvelID(device->quorvelID());
+    auto entry = _deviceDatabase->entryForQuorvelID(id);
     if (!validateSerialPortsAvailability(*ioDevice, entry)) {
         qv::logRecognition(
             "Device is recognized does not have any port mappings. Throwing it away!");
