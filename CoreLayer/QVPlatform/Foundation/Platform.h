@@ -3,8 +3,10 @@
 // applications are running (the workspace), and how the host application is terminated.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -29,8 +31,17 @@ class Bundle {
 class SystemVersion {
   public:
     static int current();
+    // nullopt restores the Linux answer.
     static void set(std::optional<int> version);
 };
+
+using OSErr = std::int16_t;
+using OSType = std::uint32_t;
+inline constexpr OSType gestaltSystemVersion = 0x73797376;  // 'sysv'
+inline constexpr OSErr noErr = 0;
+inline constexpr OSErr gestaltUndefSelectorErr = -5551;
+// The Core Services call as the framework makes it; only the system version selector is known.
+OSErr Gestalt(OSType selector, std::int32_t* response);
 
 // The workspace: which applications run. On Linux an application is recognised by its bundle
 // identifier as a well-known name owned on the session bus (e.g. "com.example.Connect").
@@ -44,9 +55,25 @@ class Workspace {
     static void setShared(std::shared_ptr<Workspace> workspace);
 };
 
+// Asks the session bus (the address in DBUS_SESSION_BUS_ADDRESS, or $XDG_RUNTIME_DIR/bus)
+// whether the name has an owner. Without a bus, or when the bus does not answer within the
+// time-out, the application counts as not running: the host is never held up by D-Bus. The
+// connection is kept for later questions and made again once it is lost. Real time, not the run
+// loop's clock: this is I/O with another process, not framework timing.
 class DBusWorkspace : public Workspace {
   public:
+    explicit DBusWorkspace(double timeoutSeconds = 0.5);
+    ~DBusWorkspace() override;
+    DBusWorkspace(const DBusWorkspace&) = delete;
+    DBusWorkspace& operator=(const DBusWorkspace&) = delete;
+
     bool isApplicationRunning(const std::string& bundleIdentifier) override;
+
+  private:
+    struct Connection;
+    double timeoutSeconds_;
+    std::mutex mutex_;
+    std::unique_ptr<Connection> connection_;
 };
 
 class FixedWorkspace : public Workspace {
@@ -60,10 +87,12 @@ class FixedWorkspace : public Workspace {
     std::set<std::string> running_;
 };
 
-// [NSApp terminate:]: calls the installed handler; without one the process exits normally.
+// [NSApp terminate:]: calls the installed handler; without one the process exits normally
+// (exit status 0, atexit handlers run).
 class ApplicationTermination {
   public:
     static void terminate();
+    // An empty function restores the default.
     static void setHandler(std::function<void()> handler);
 };
 

@@ -1,0 +1,144 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "DiskDevices.h"
+#include "MountTable.h"
+#include "UnmountPlan.h"
+
+namespace {
+
+using diskunmounter::DiskDevices;
+using diskunmounter::MountEntry;
+using diskunmounter::MountTable;
+using diskunmounter::UnmountPlan;
+
+const std::string kData = QV_TEST_DATA_DIR "/DiskUnmounter";
+
+DiskDevices fixtureDisk(const std::string& name) {
+    std::string error;
+    std::optional<DiskDevices> disk = DiskDevices::read(kData + "/sys", name, &error);
+    EXPECT_TRUE(disk) << error;
+    return disk.value_or(DiskDevices());
+}
+
+MountTable fixtureTable() {
+    std::string error;
+    std::optional<MountTable> table = MountTable::read(kData + "/mountinfo", &error);
+    EXPECT_TRUE(table) << error;
+    return table.value_or(MountTable());
+}
+
+// The planned mount points, in order, or the error.
+std::vector<std::string> plan(const MountTable& table, const std::string& name) {
+    std::string error;
+    std::optional<UnmountPlan> plan = UnmountPlan::make(table, fixtureDisk(name), &error);
+    if (!plan) {
+        return {"error: " + error};
+    }
+    std::vector<std::string> points;
+    for (const auto& step : plan->steps()) {
+        points.push_back(step.mountPoint + " (" + step.deviceName + ")");
+    }
+    return points;
+}
+
+TEST(MountTable, ParsesTheKernelLayoutWithEscapesAndOptionalFields) {
+    MountTable table = fixtureTable();
+    ASSERT_EQ(table.entries().size(), 12u);
+    const MountEntry& bind = table.entries()[6];
+    EXPECT_EQ(bind.mountId, 41u);
+    EXPECT_EQ(bind.parentId, 22u);
+    EXPECT_EQ(bind.major, 8u);
+    EXPECT_EQ(bind.minor, 17u);
+    EXPECT_EQ(bind.root, "/photos");
+    EXPECT_EQ(bind.mountPoint, "/home/user/photos\tfrom stick");
+    EXPECT_EQ(bind.fsType, "vfat");
+    EXPECT_EQ(bind.source, "/dev/sdb1");
+    EXPECT_EQ(table.entries()[7].mountPoint, "/run/media/user/DATA\\backup");
+
+    // An empty source is a field of its own, not a reason to shift the others.
+    std::string error;
+    auto empty = MountTable::parse("60 30 0:60 / /mnt rw - tmpfs  rw\n", &error);
+    ASSERT_TRUE(empty) << error;
+    EXPECT_EQ(empty->entries()[0].fsType, "tmpfs");
+    EXPECT_EQ(empty->entries()[0].source, "");
+
+    EXPECT_EQ(MountTable::unescape("a\\040b\\134\\012"), "a b\\\n");
+    // Not an escape of one byte: kept as written.
+    EXPECT_EQ(MountTable::unescape("\\400 \\08x \\04"), "\\400 \\08x \\04");
+    EXPECT_EQ(MountTable::quoted("/media/a \"b\"\\\n"), "\"/media/a \\042b\\042\\134\\012\"");
+}
+
+TEST(MountTable, RefusesTextThatIsNotMountInfo) {
+    const char* bad[] = {
+        "22 1 254:0 / / rw,relatime shared:1 ext4 /dev/vda rw",  // no separator
+        "22 1 254:0 / / rw -",                                   // nothing after it
+        "22 1 254:0 / / rw - ext4",                              // no source
+        "x 1 254:0 / / rw - ext4 /dev/vda rw",                   // id not a number
+        "22 1 254-0 / / rw - ext4 /dev/vda rw",                  // device without colon
+        "22 1 :0 / / rw - ext4 /dev/vda rw",
+        "22 1 99999999999:0 / / rw - ext4 /dev/vda rw",  // out of range
+    };
+    for (const char* line : bad) {
+        std::string error;
+        std::string text = std::string("23 22 0:21 / /proc rw - proc proc rw\n") + line + "\n";
+        EXPECT_FALSE(MountTable::parse(text, &error)) << line;
+        EXPECT_EQ(error, "line 2 is not a mount entry") << line;
+    }
+    std::string error;
+    EXPECT_FALSE(MountTable::read(kData + "/no-such-file", &error));
+    EXPECT_EQ(error, "cannot read " + kData + "/no-such-file");
+}
+
+TEST(UnmountPlan, TakesEveryMountOfTheDiskOrPartitionAndNoOther) {
+    MountTable table = fixtureTable();
+    // Whole disk: both partitions, bind mounts and the btrfs subvolume (anonymous device number,
+    // found by its source) included, the nested one first; sdc1 and sdba1 stay.
+    EXPECT_EQ(plan(table, "sdb"), (std::vector<std::string>{
+                                      "/run/media/user/DATA\\backup/snapshots (sdb2)",
+                                      "/run/media/user/DATA\\backup (sdb2)",
+                                      "/home/user/photos\tfrom stick (sdb1)",
+                                      "/run/media/user/USB STICK (sdb1)",
+                                  }));
+    // A partition: only its own mounts.
+    EXPECT_EQ(plan(table, "sdb1"), (std::vector<std::string>{
+                                       "/home/user/photos\tfrom stick (sdb1)",
+                                       "/run/media/user/USB STICK (sdb1)",
+                                   }));
+    EXPECT_EQ(plan(table, "sdc"), (std::vector<std::string>{"/run/media/user/OTHER (sdc1)"}));
+    EXPECT_EQ(plan(table, "sr0"), (std::vector<std::string>{"/run/media/user/Driver CD (sr0)"}));
+    EXPECT_EQ(plan(MountTable(), "sdb"), (std::vector<std::string>{}));
+}
+
+TEST(UnmountPlan, PlansNothingWhenAnotherDeviceIsMountedOnOrInsideOneOfOurs) {
+    std::string error;
+    auto inside = MountTable::parse(
+        "30 22 0:25 / /run rw - tmpfs tmpfs rw\n"
+        "40 30 8:17 / /run/media/USB\\040STICK rw - vfat /dev/sdb1 rw\n"
+        "41 40 8:17 /sub /run/media/USB\\040STICK/own rw - vfat /dev/sdb1 rw\n"
+        "60 41 0:60 / /run/media/USB\\040STICK/own/cache rw - tmpfs tmpfs rw\n"
+        "70 30 8:18 / /run/media/second rw - ext4 /dev/sdb2 rw\n",
+        &error);
+    ASSERT_TRUE(inside) << error;
+    EXPECT_EQ(plan(*inside, "sdb"),
+              (std::vector<std::string>{
+                  "error: cannot unmount \"/run/media/USB STICK\" (sdb1): \"/run/media/USB "
+                  "STICK/own/cache\" of another device is mounted on or inside it"}));
+
+    // Another disk stacked on the same mount point hides ours: unmounting the path would hit it.
+    auto stacked = MountTable::parse(
+        "40 30 8:17 / /media/usb rw - vfat /dev/sdb1 rw\n"
+        "45 40 8:33 / /media/usb rw - ext4 /dev/sdc1 rw\n",
+        &error);
+    ASSERT_TRUE(stacked) << error;
+    EXPECT_EQ(plan(*stacked, "sdb"),
+              (std::vector<std::string>{"error: cannot unmount \"/media/usb\" (sdb1): "
+                                        "\"/media/usb\" of another device is mounted on or "
+                                        "inside it"}));
+    // The other way round is fine: our mount on top goes, theirs stays.
+    EXPECT_EQ(plan(*stacked, "sdc"), (std::vector<std::string>{"/media/usb (sdc1)"}));
+}
+
+}  // namespace

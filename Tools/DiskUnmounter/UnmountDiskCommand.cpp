@@ -1,0 +1,291 @@
+#include "UnmountDiskCommand.h"
+
+#include <algorithm>
+#include <ostream>
+
+#include "KernelDiskActions.h"
+#include "KernelDiskName.h"
+#include "MountTable.h"
+#include "UnmountPlan.h"
+
+namespace diskunmounter {
+
+namespace {
+
+// udisks2 may unmount one mount point of a filesystem per call (bind mounts give several).
+constexpr int kMaximumUDisksRounds = 8;
+
+std::vector<const UDisksClient::Block*> mountedBlocksOf(
+    const std::vector<UDisksClient::Block>& blocks, const DiskDevices& disk) {
+    std::vector<const UDisksClient::Block*> mounted;
+    for (const UDisksClient::Block& block : blocks) {
+        if (disk.find(block.major, block.minor) && block.hasFilesystem &&
+            !block.mountPoints.empty()) {
+            mounted.push_back(&block);
+        }
+    }
+    return mounted;
+}
+
+bool takeValue(const std::vector<std::string>& arguments, std::size_t* index,
+               const std::string& option, std::string* value, std::string* error) {
+    const std::string& argument = arguments[*index];
+    if (argument.size() > option.size() && argument.compare(0, option.size(), option) == 0 &&
+        argument[option.size()] == '=') {
+        *value = argument.substr(option.size() + 1);
+        return true;
+    }
+    if (*index + 1 >= arguments.size()) {
+        *error = option + " needs a value";
+        return false;
+    }
+    *value = arguments[++*index];
+    return true;
+}
+
+bool isOption(const std::string& argument, const std::string& option) {
+    return argument == option || argument.rfind(option + "=", 0) == 0;
+}
+
+}  // namespace
+
+const char* UnmountDiskCommand::usage() {
+    return "usage: qv-unmount-disk [options] unmountDisk NAME\n"
+           "\n"
+           "Unmounts every mounted filesystem of the block device NAME and of its partitions,\n"
+           "then ejects the medium when NAME is an optical drive (sr0, sr1, ...). NAME is a\n"
+           "kernel name as listed in /sys/class/block (sdb, sr0, mmcblk0), not a path.\n"
+           "udisks2 does the work when it is on the system bus, so that a desktop user may;\n"
+           "otherwise the mounts found in the mount table are removed with umount2 and an\n"
+           "optical medium is ejected with the CDROMEJECT ioctl (both need root).\n"
+           "\n"
+           "options:\n"
+           "  --dry-run         print what would be done and change nothing\n"
+           "  --no-udisks       do not use udisks2\n"
+           "  --mountinfo PATH  read the mount table from PATH instead of /proc/self/mountinfo\n"
+           "                    (for tests; implies --no-udisks)\n"
+           "  --sysfs DIR       look up block devices under DIR instead of /sys\n"
+           "                    (for tests; implies --no-udisks)\n"
+           "  --help            print this text\n"
+           "\n"
+           "Exits with 0 when nothing of the disk is left mounted, otherwise prints one line\n"
+           "saying why and exits with 1.\n";
+}
+
+std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std::string>& arguments,
+                                                          std::string* error, bool* helpWanted) {
+    UnmounterOptions options;
+    bool haveCommand = false;
+    bool haveName = false;
+    *helpWanted = false;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& argument = arguments[i];
+        if (haveCommand && !haveName) {
+            // Whatever follows the command is the name, checked later: "-x" is refused as a name,
+            // never taken for an option.
+            options.diskName = argument;
+            haveName = true;
+        } else if (argument == "--help" || argument == "-h") {
+            *helpWanted = true;
+            return std::nullopt;
+        } else if (argument == "--dry-run") {
+            options.dryRun = true;
+        } else if (argument == "--no-udisks") {
+            options.useUDisks = false;
+        } else if (isOption(argument, "--mountinfo")) {
+            if (!takeValue(arguments, &i, "--mountinfo", &options.mountInfoPath, error)) {
+                return std::nullopt;
+            }
+            options.useUDisks = false;
+        } else if (isOption(argument, "--sysfs")) {
+            if (!takeValue(arguments, &i, "--sysfs", &options.sysfsRoot, error)) {
+                return std::nullopt;
+            }
+            options.useUDisks = false;
+        } else if (argument.rfind("-", 0) == 0) {
+            *error = "unknown option " + MountTable::quoted(argument);
+            return std::nullopt;
+        } else if (!haveCommand && argument == "unmountDisk") {
+            haveCommand = true;
+        } else if (!haveCommand) {
+            *error = "unknown command " + MountTable::quoted(argument) +
+                     " (usage: qv-unmount-disk [options] unmountDisk NAME)";
+            return std::nullopt;
+        } else {
+            *error = "unexpected argument " + MountTable::quoted(argument) + " after the name";
+            return std::nullopt;
+        }
+    }
+    if (!haveName) {
+        *error = "usage: qv-unmount-disk [options] unmountDisk NAME";
+        return std::nullopt;
+    }
+    return options;
+}
+
+int UnmountDiskCommand::main(const std::vector<std::string>& arguments, std::ostream& out,
+                             std::ostream& err) {
+    std::string error;
+    bool helpWanted = false;
+    std::optional<UnmounterOptions> options = parse(arguments, &error, &helpWanted);
+    if (helpWanted) {
+        out << usage();
+        return 0;
+    }
+    if (!options) {
+        err << "qv-unmount-disk: " << error << "\n";
+        return 2;
+    }
+    return UnmountDiskCommand(std::move(*options), out, err).run();
+}
+
+int UnmountDiskCommand::fail(const std::string& message) {
+    std::string line = message;
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    err_ << "qv-unmount-disk: " << line << "\n";
+    return 1;
+}
+
+bool UnmountDiskCommand::shouldEject(const DiskDevices& disk) const {
+    return !disk.isPartition() && isOpticalDriveName(disk.disk().name);
+}
+
+int UnmountDiskCommand::run() {
+    if (!isPlainKernelName(options_.diskName)) {
+        return fail("refusing " + MountTable::quoted(options_.diskName) +
+                    ": not a plain kernel block device name");
+    }
+    std::string error;
+    std::optional<DiskDevices> disk =
+        DiskDevices::read(options_.sysfsRoot, options_.diskName, &error);
+    if (!disk) {
+        return fail(error);
+    }
+    if (options_.dryRun) {
+        out_ << "disk " << disk->description() << "\n";
+    }
+    if (options_.useUDisks) {
+        if (std::optional<int> status = runThroughUDisks(*disk)) {
+            return *status;
+        }
+    }
+    return runThroughKernel(*disk);
+}
+
+std::optional<int> UnmountDiskCommand::runThroughUDisks(const DiskDevices& disk) {
+    std::string why;
+    std::unique_ptr<UDisksClient> client = UDisksClient::connect(options_.busAddress, &why);
+    std::vector<UDisksClient::Block> blocks;
+    if (client && !client->blocks(&blocks, &why)) {
+        client.reset();
+    }
+    if (client) {
+        bool known = std::any_of(blocks.begin(), blocks.end(), [&](const UDisksClient::Block& b) {
+            return disk.find(b.major, b.minor) != nullptr;
+        });
+        if (known) {
+            return unmountThroughUDisks(*client, disk, std::move(blocks));
+        }
+        why = "udisks2 does not manage " + disk.disk().name;
+    }
+    if (options_.dryRun) {
+        out_ << "not using udisks2 (" << why << ")\n";
+    }
+    return std::nullopt;
+}
+
+int UnmountDiskCommand::unmountThroughUDisks(UDisksClient& client, const DiskDevices& disk,
+                                             std::vector<UDisksClient::Block> blocks) {
+    auto deviceOf = [&](const UDisksClient::Block* block) {
+        return disk.find(block->major, block->minor)->name;
+    };
+    if (options_.dryRun) {
+        for (const UDisksClient::Block* block : mountedBlocksOf(blocks, disk)) {
+            for (const std::string& mountPoint : block->mountPoints) {
+                out_ << "would unmount " << MountTable::quoted(mountPoint) << " ("
+                     << deviceOf(block) << ") through udisks2\n";
+            }
+        }
+        if (shouldEject(disk)) {
+            out_ << "would eject " << disk.disk().name << " through udisks2\n";
+        }
+        return 0;
+    }
+    std::string error;
+    for (int round = 0; round < kMaximumUDisksRounds; ++round) {
+        std::vector<const UDisksClient::Block*> mounted = mountedBlocksOf(blocks, disk);
+        if (mounted.empty()) {
+            break;
+        }
+        for (const UDisksClient::Block* block : mounted) {
+            std::string what =
+                MountTable::quoted(block->mountPoints.front()) + " (" + deviceOf(block) + ")";
+            if (!client.unmount(block->objectPath, &error)) {
+                return fail("cannot unmount " + what + " through udisks2: " + error);
+            }
+            out_ << "unmounted " << what << "\n";
+        }
+        if (!client.blocks(&blocks, &error)) {
+            return fail("udisks2 stopped answering: " + error);
+        }
+    }
+    std::vector<const UDisksClient::Block*> left = mountedBlocksOf(blocks, disk);
+    if (!left.empty()) {
+        return fail(deviceOf(left.front()) + " is still mounted at " +
+                    MountTable::quoted(left.front()->mountPoints.front()));
+    }
+    if (!shouldEject(disk)) {
+        return 0;
+    }
+    auto drive = std::find_if(blocks.begin(), blocks.end(), [&](const UDisksClient::Block& b) {
+        return b.major == disk.disk().major && b.minor == disk.disk().minor;
+    });
+    if (drive == blocks.end() || drive->drivePath == "/") {
+        return fail("cannot eject " + disk.disk().name + ": udisks2 knows no drive for it");
+    }
+    if (!client.eject(drive->drivePath, &error)) {
+        return fail("cannot eject " + disk.disk().name + " through udisks2: " + error);
+    }
+    out_ << "ejected " << disk.disk().name << "\n";
+    return 0;
+}
+
+int UnmountDiskCommand::runThroughKernel(const DiskDevices& disk) {
+    std::string error;
+    std::optional<MountTable> table = MountTable::read(options_.mountInfoPath, &error);
+    if (!table) {
+        return fail(error);
+    }
+    std::optional<UnmountPlan> plan = UnmountPlan::make(*table, disk, &error);
+    if (!plan) {
+        return fail(error);
+    }
+    if (plan->steps().empty() && options_.dryRun) {
+        out_ << "nothing of " << disk.disk().name << " is mounted\n";
+    }
+    for (const PlannedUnmount& step : plan->steps()) {
+        std::string what = MountTable::quoted(step.mountPoint) + " (" + step.deviceName + ")";
+        if (options_.dryRun) {
+            out_ << "would unmount " << what << " with umount2\n";
+            continue;
+        }
+        if (!KernelDiskActions::unmount(step.mountPoint, &error)) {
+            return fail("cannot unmount " + what + ": " + error);
+        }
+        out_ << "unmounted " << what << "\n";
+    }
+    if (!shouldEject(disk)) {
+        return 0;
+    }
+    if (options_.dryRun) {
+        out_ << "would eject " << disk.disk().name << " with the CDROMEJECT ioctl\n";
+        return 0;
+    }
+    if (!KernelDiskActions::ejectMedium(disk.disk(), &error)) {
+        return fail("cannot eject " + disk.disk().name + ": " + error);
+    }
+    out_ << "ejected " << disk.disk().name << "\n";
+    return 0;
+}
+
+}  // namespace diskunmounter
