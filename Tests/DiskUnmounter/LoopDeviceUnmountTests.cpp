@@ -2,7 +2,6 @@
 // through a bind mount of a subdirectory) under paths with a space and a backslash. Needs root,
 // loop devices, losetup and mkfs.ext2; skipped without them.
 #include <fcntl.h>
-#include <glib.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -17,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Foundation/Task.h"
 #include "MountTable.h"
 
 namespace {
@@ -24,33 +24,9 @@ namespace {
 namespace fs = std::filesystem;
 using diskunmounter::MountTable;
 
-struct ProgramResult {
-    bool started = false;
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-ProgramResult runProgram(const std::vector<std::string>& argv) {
-    std::vector<char*> pointers;
-    for (const std::string& argument : argv) {
-        pointers.push_back(const_cast<char*>(argument.c_str()));
-    }
-    pointers.push_back(nullptr);
-    gchar* out = nullptr;
-    gchar* err = nullptr;
-    gint waitStatus = 0;
-    ProgramResult result;
-    result.started = g_spawn_sync(nullptr, pointers.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr,
-                                  nullptr, &out, &err, &waitStatus, nullptr);
-    if (result.started) {
-        result.status = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1;
-        result.out = out ? out : "";
-        result.err = err ? err : "";
-    }
-    g_free(out);
-    g_free(err);
-    return result;
+// External programs through the project's task seam; their error output goes to the test log.
+qv::TaskResult runProgram(const std::string& path, const std::vector<std::string>& arguments) {
+    return qv::PosixTaskLauncher().run(path, arguments);
 }
 
 std::string findTool(const char* name) {
@@ -122,13 +98,13 @@ TEST(DiskUnmounterOnALoopDevice, UnmountsEveryMountOfTheDiskAndLeavesOthers) {
         std::fclose(file);
         fs::resize_file(image, 4 * 1024 * 1024);
     }
-    ProgramResult made = runProgram({mkfs, "-q", "-F", image});
-    ASSERT_TRUE(made.started && made.status == 0) << made.err;
-    ProgramResult attached = runProgram({losetup, "--find", "--show", image});
-    if (!attached.started || attached.status != 0) {
-        GTEST_SKIP() << "no loop device to be had: " << attached.err;
+    qv::TaskResult made = runProgram(mkfs, {"-q", "-F", image});
+    ASSERT_TRUE(made.launched && made.exitStatus == 0) << made.error;
+    qv::TaskResult attached = runProgram(losetup, {"--find", "--show", image});
+    if (!attached.launched || attached.exitStatus != 0) {
+        GTEST_SKIP() << "no loop device to be had " << attached.error;
     }
-    disk.device = attached.out.substr(0, attached.out.find('\n'));
+    disk.device = attached.output.substr(0, attached.output.find('\n'));
     ASSERT_EQ(disk.device.rfind("/dev/loop", 0), 0u) << disk.device;
     struct stat status {};
     ASSERT_EQ(stat(disk.device.c_str(), &status), 0);
@@ -153,10 +129,9 @@ TEST(DiskUnmounterOnALoopDevice, UnmountsEveryMountOfTheDiskAndLeavesOthers) {
 
     // As the driver disk ejector starts it.
     std::string name = disk.device.substr(std::strlen("/dev/"));
-    ProgramResult unmounted = runProgram({QV_UNMOUNTER_PATH, "unmountDisk", name});
-    ASSERT_TRUE(unmounted.started);
-    EXPECT_EQ(unmounted.status, 0) << unmounted.err;
-    EXPECT_EQ(unmounted.err, "");
+    qv::TaskResult unmounted = runProgram(QV_UNMOUNTER_PATH, {"unmountDisk", name});
+    ASSERT_TRUE(unmounted.launched) << unmounted.error;
+    EXPECT_EQ(unmounted.exitStatus, 0) << unmounted.output;
     EXPECT_EQ(mountPointsOf(status.st_rdev), std::vector<std::string>{});
     std::string error;
     auto table = MountTable::read("/proc/self/mountinfo", &error);
@@ -168,8 +143,8 @@ TEST(DiskUnmounterOnALoopDevice, UnmountsEveryMountOfTheDiskAndLeavesOthers) {
     EXPECT_TRUE(otherMounted) << "a mount of another device was touched";
 
     // Nothing left to do is no failure.
-    ProgramResult again = runProgram({QV_UNMOUNTER_PATH, "unmountDisk", name});
-    EXPECT_EQ(again.status, 0) << again.err;
+    qv::TaskResult again = runProgram(QV_UNMOUNTER_PATH, {"unmountDisk", name});
+    EXPECT_EQ(again.exitStatus, 0) << again.output;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Foundation/Task.h"
 #include "KernelDiskName.h"
 #include "UnmountDiskCommand.h"
 
@@ -66,6 +67,12 @@ TEST(UnmountDiskCommand, RefusesNamesThatAreNotPlainKernelNames) {
     for (const char* name : {"sr", "srx", "sdb", "xsr0"}) {
         EXPECT_FALSE(diskunmounter::isOpticalDriveName(name)) << name;
     }
+
+    // The program itself, as the ejector starts it.
+    qv::TaskResult program =
+        qv::PosixTaskLauncher().run(QV_UNMOUNTER_PATH, {"unmountDisk", "../sda"});
+    EXPECT_TRUE(program.launched) << program.error;
+    EXPECT_EQ(program.exitStatus, 1);
 
     // Plain, but not a block device here; a directory that exists only below a disk is not one.
     EXPECT_EQ(runOnFixture("sdz").err, "qv-unmount-disk: sdz is not a block device\n");
