@@ -69,7 +69,7 @@ TEST(QVDeviceDatabaseEntry, InheritanceClimbsAndOwnValuesWin) {
     EXPECT_EQ(parent->ancestor(), nullptr);
     // Two levels up, and the ID key is the grandchild's own.
     EXPECT_EQ(grandchild->portIdentificationStrategy(), qv::Value("ByPortNumber"));
-    EXPECT_EQ(grandchild->objectForKey("DeviceDatabase.QuorvelID"), qv::Value(102));
+    EXPECT_EQ(grandchild->objectForKey("DeviceDatabase.QuorvelID"), qv::Value("102"));
     EXPECT_TRUE(grandchild->hasKey("DeviceDatabase.Pattern.Port-3"));
     EXPECT_FALSE(grandchild->hasKey("DeviceDatabase.Sequence.3GOnly"));
     EXPECT_TRUE(grandchild->configurationSequence3GOnly().isNil());
@@ -80,7 +80,7 @@ TEST(QVDeviceDatabaseEntry, InheritanceClimbsAndOwnValuesWin) {
     EXPECT_TRUE(grandchild->hasKey("DeviceDatabase.ShouldSupressDriverDisk"));
 
     qv::Dictionary resolved = grandchild->resolvedDictionary();
-    EXPECT_EQ(*resolved.find("DeviceDatabase.AncestorQuorvelID"), qv::Value(101));
+    EXPECT_EQ(*resolved.find("DeviceDatabase.AncestorQuorvelID"), qv::Value("101"));
     EXPECT_EQ(*resolved.find("DeviceDatabase.Manufacturer"), qv::Value("Sierra Wireless"));
     EXPECT_EQ(resolved.size(), 15u);
     EXPECT_EQ(grandchild->ancestors(), (std::vector{child, parent}));
@@ -123,8 +123,8 @@ TEST(QVDeviceDatabaseEntry, CapabilityListsAndShortcuts) {
     EXPECT_TRUE(QVDeviceDatabaseEntry::capabilitiesFromString(qv::Value(7)).empty());
     EXPECT_TRUE(QVDeviceDatabaseEntry::isCapabilityShortcut("ALL_CAPABILITIES"));
     EXPECT_FALSE(QVDeviceDatabaseEntry::isCapabilityShortcut("all_capabilities"));
-    const auto* core = QVDeviceDatabaseEntry::expandCapabilitiesShortcut(
-        "ALL_CORE_PROCEDURE_CAPABILITIES");
+    const auto* core =
+        QVDeviceDatabaseEntry::expandCapabilitiesShortcut("ALL_CORE_PROCEDURE_CAPABILITIES");
     ASSERT_NE(core, nullptr);
     EXPECT_EQ(core->size(), 16u);
     EXPECT_EQ(core->front(), "GroundInit");
@@ -136,7 +136,8 @@ TEST(QVDeviceDatabaseEntry, PortLayoutStopsAtTheFirstGap) {
     auto database = databaseFrom(kFamily);
     const auto& child = database->entryForQuorvelID(101);
 
-    std::vector<QVDatabasePortDescription> ports = child->portIdentificationPatternsAndCapabilities();
+    std::vector<QVDatabasePortDescription> ports =
+        child->portIdentificationPatternsAndCapabilities();
     ASSERT_EQ(ports.size(), 2u);  // port 3 is behind the gap at 2
     EXPECT_EQ(ports[0].pattern, qv::Value("0"));
     EXPECT_FALSE(ports[0].required);

@@ -10,7 +10,9 @@
 
 namespace {
 
-std::string fixture(const char* name) { return std::string(QV_TEST_DATA_DIR) + "/Database/" + name; }
+std::string fixture(const char* name) {
+    return std::string(QV_TEST_DATA_DIR) + "/Database/" + name;
+}
 
 TEST(QVDeviceDatabase, LoadsEntriesInFileOrderFromEitherTextForm) {
     auto database = QVDeviceDatabase::databaseFromFile(fixture("Family.plist"));

@@ -29,7 +29,9 @@ ToolRun runTool(std::vector<std::string> args) {
     return {code, out.str(), err.str()};
 }
 
-std::string fixture(const char* name) { return std::string(QV_TEST_DATA_DIR) + "/Database/" + name; }
+std::string fixture(const char* name) {
+    return std::string(QV_TEST_DATA_DIR) + "/Database/" + name;
+}
 
 TEST(DatabaseCommand, CheckPassesAGoodFileWithOneSummaryLine) {
     ToolRun run = runTool({"db", "check", fixture("Family.plist")});
@@ -40,7 +42,26 @@ TEST(DatabaseCommand, CheckPassesAGoodFileWithOneSummaryLine) {
 TEST(DatabaseCommand, CheckNamesTheEntryOfEveryProblem) {
     ToolRun run = runTool({"db", "check", fixture("Problems.plist")});
     EXPECT_EQ(run.code, 1);
-    EXPECT_EQ(run.out, "EXPECTED_PROBLEMS");
+    // Entry #3 inherits entry #2's problems without repeating them; the cycle is reported once.
+    EXPECT_EQ(run.out,
+              R"(entry #1: has no DeviceDatabase.QuorvelID; the framework refuses the whole file
+entry #2 (Quorvel ID 20): unknown key "DeviceDatabase.Capabilites.Port-1"
+entry #2 (Quorvel ID 20): DeviceDatabase.Pattern.Port-0 does not compile as a regular expression: U_REGEX_INVALID_RANGE at offset 18
+entry #2 (Quorvel ID 20): DeviceDatabase.Pattern.Port-2 is never read: DeviceDatabase.Pattern.Port-1 is missing, which ends the list of ports
+entry #2 (Quorvel ID 20): unknown capability "GroundInit,SignalStrength" in DeviceDatabase.Capabilities.Port-0 (capabilities are separated by a comma and a blank)
+entry #2 (Quorvel ID 20): DeviceDatabase.ShouldSupressDriverDisk is a boolean: only the string "YES" suppresses the driver disk (write "YES" or "NO")
+entry #2 (Quorvel ID 20): unknown manufacturer "Sierra Wireless"
+entry #3 (Quorvel ID 21): DeviceDatabase.SupressNetworkQueryWhileConnecting is "NO", which turns the suppression on: any non-empty value does (leave the key out, or empty, to keep it off)
+entry #4 (Quorvel ID 20): Quorvel ID 20 is taken by entry #2 (Quorvel ID 20) already; lookups find only that one
+entry #4 (Quorvel ID 20): ancestor 999 names no entry
+entry #5 (Quorvel ID 30): ancestor cycle 30 -> 31 -> 30: a lookup of a key none of them has never ends
+entry #6 (Quorvel ID 31): DeviceDatabase.Pattern.Port-0 is "first", not a port number (it reads as 0)
+entry #6 (Quorvel ID 31): DeviceDatabase.PatternAlternative-1.Port-0 is never read: DeviceDatabase.PatternAlternative-0.Port-0 is missing, which ends the alternatives
+entry #6 (Quorvel ID 31): DeviceDatabase.NetworkAccessTechnology is "gsm"; known values: GSM, CDMA (anything else reads as -1)
+entry #7: is a string, not a dictionary
+entry #8: DeviceDatabase.QuorvelID is "forty", not a number
+entry #8: unknown port identification strategy "ByName" (known: ByFileEnding, ByPortNumber, ByRegex)
+)");
 }
 
 TEST(DatabaseCommand, CheckRefusesFilesThatAreNoTextPropertyList) {

@@ -123,7 +123,8 @@ qv::Json entryToJson(const QVDeviceDatabaseEntry& entry,
     out["manufacturerID"] = entry.manufacturerID();
     out["portIdentificationStrategy"] = qv::jsonFromValue(entry.portIdentificationStrategy());
     qv::Json ports = qv::Json::array();
-    for (const QVDatabasePortDescription& port : entry.portIdentificationPatternsAndCapabilities()) {
+    for (const QVDatabasePortDescription& port :
+         entry.portIdentificationPatternsAndCapabilities()) {
         qv::Json item = qv::Json::object();
         item["index"] = port.index;
         item["pattern"] = qv::jsonFromValue(port.pattern);
@@ -162,7 +163,8 @@ void printEntry(std::ostream& out, const QVDeviceDatabaseEntry& entry,
         << entry.manufacturerID() << ")\n";
     out << "Port identification strategy: " << shownValue(entry.portIdentificationStrategy())
         << "\n";
-    std::vector<QVDatabasePortDescription> ports = entry.portIdentificationPatternsAndCapabilities();
+    std::vector<QVDatabasePortDescription> ports =
+        entry.portIdentificationPatternsAndCapabilities();
     out << "Serial ports: " << (ports.empty() ? "none" : std::to_string(ports.size())) << "\n";
     for (const QVDatabasePortDescription& port : ports) {
         out << "  " << port.index << ": " << shownValue(port.pattern)
@@ -181,8 +183,8 @@ void printEntry(std::ostream& out, const QVDeviceDatabaseEntry& entry,
     out << "Network access technology: "
         << enumerationText(entry.networkAccessTechnology(), Keys::kNetworkAccessTechnologies)
         << "\n";
-    out << "IPv6 support: " << enumerationText(entry.networkIPv6Support(), Keys::kNetworkIPv6Supports)
-        << "\n";
+    out << "IPv6 support: "
+        << enumerationText(entry.networkIPv6Support(), Keys::kNetworkIPv6Supports) << "\n";
     out << "Controlling API: " << enumerationText(entry.deviceAPIType(), Keys::kDeviceAPITypes)
         << "\n";
     out << "Keys, inheritance resolved:\n";
@@ -251,9 +253,8 @@ void addDatabaseCommand(CLI::App& app, CommandContext& context) {
     CLI::App* check = db->add_subcommand(
         "check", "Check a device database file (default: the shipped one) for problems");
     check->add_option("file", checkOptions->file, "database file");
-    check->callback([checkOptions, &context]() {
-        context.exitCode = runCheck(*checkOptions, context);
-    });
+    check->callback(
+        [checkOptions, &context]() { context.exitCode = runCheck(*checkOptions, context); });
 
     auto showOptions = std::make_shared<DatabaseOptions>();
     CLI::App* show = db->add_subcommand(
@@ -261,9 +262,8 @@ void addDatabaseCommand(CLI::App& app, CommandContext& context) {
     show->add_option("id", showOptions->quorvelID, "Quorvel ID")->required();
     show->add_option("--file", showOptions->file, "database file (default: the shipped one)");
     show->add_flag("--json", showOptions->json, "print the entry as JSON");
-    show->callback([showOptions, &context]() {
-        context.exitCode = runShow(*showOptions, context);
-    });
+    show->callback(
+        [showOptions, &context]() { context.exitCode = runShow(*showOptions, context); });
 }
 
 const bool registered = registerCommand("db", addDatabaseCommand);

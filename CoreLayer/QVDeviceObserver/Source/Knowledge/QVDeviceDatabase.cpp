@@ -118,9 +118,9 @@ const std::shared_ptr<QVDeviceDatabaseEntry>& QVDeviceDatabase::entryForQuorvelI
 }
 
 void QVDeviceDatabase::raiseNoEntryWithQuorvelID(std::uint32_t quorvelID) {
-    throw qv::Exception(qv::kNSInternalInconsistencyException,
-                        qv::format("Database has no entry with Quorvel ID <%d>",
-                                   static_cast<int>(quorvelID)));
+    throw qv::Exception(
+        qv::kNSInternalInconsistencyException,
+        qv::format("Database has no entry with Quorvel ID <%d>", static_cast<int>(quorvelID)));
 }
 
 qv::Dictionary QVDeviceDatabase::manufacturerNamesToIDs() {

@@ -19,7 +19,9 @@ namespace Keys = QVDeviceDatabaseKeys;
 
 namespace {
 
-std::string quoted(std::string_view text) { return QVDeviceDatabaseChecker::quoted(text); }
+std::string quoted(std::string_view text) {
+    return QVDeviceDatabaseChecker::quoted(text);
+}
 
 std::string typeName(const qv::Value& value) {
     switch (value.type()) {
@@ -202,7 +204,8 @@ class ValueChecker {
                     break;
                 case IndexedKind::EthernetCapabilities:
                     if (indexed->index > 0) {
-                        add(qv::format("%s is never read: only the first Ethernet interface "
+                        add(
+                            qv::format("%s is never read: only the first Ethernet interface "
                                        "(Ethernet-0) gets capabilities",
                                        key));
                     }
@@ -222,9 +225,9 @@ class ValueChecker {
             return;
         }
         const std::string* name = strategy->asString();
-        if (name != nullptr && std::find(Keys::kKnownStrategies.begin(),
-                                         Keys::kKnownStrategies.end(),
-                                         *name) != Keys::kKnownStrategies.end()) {
+        if (name != nullptr &&
+            std::find(Keys::kKnownStrategies.begin(), Keys::kKnownStrategies.end(), *name) !=
+                Keys::kKnownStrategies.end()) {
             _strategy = *name;
             return;
         }
@@ -267,8 +270,9 @@ class ValueChecker {
                 add(qv::format("%s does not compile as a regular expression: %s", key, error));
             }
         } else if (_strategy == Keys::kStrategyByPortNumber) {
-            bool digits = !pattern->empty() && std::all_of(pattern->begin(), pattern->end(),
-                                                           [](char c) { return c >= '0' && c <= '9'; });
+            bool digits =
+                !pattern->empty() && std::all_of(pattern->begin(), pattern->end(),
+                                                 [](char c) { return c >= '0' && c <= '9'; });
             if (!digits) {
                 add(qv::format("%s is %s, not a port number (it reads as %d)", key,
                                quoted(*pattern), value.intValue()));
@@ -291,9 +295,9 @@ class ValueChecker {
             std::string_view piece = rest.substr(0, separator);
             if (!QVDeviceDatabaseEntry::isCapabilityShortcut(piece) && !isKnownCapability(piece)) {
                 bool comma = piece.find(',') != std::string_view::npos;
-                add(qv::format("unknown capability %s in %s%s", quoted(piece), key,
-                               comma ? " (capabilities are separated by a comma and a blank)"
-                                     : ""));
+                add(qv::format(
+                    "unknown capability %s in %s%s", quoted(piece), key,
+                    comma ? " (capabilities are separated by a comma and a blank)" : ""));
             }
             if (separator == std::string_view::npos) {
                 break;
@@ -307,7 +311,8 @@ class ValueChecker {
         if (disk != nullptr && disk->isPresent()) {
             const std::string* text = disk->asString();
             if (text == nullptr || (*text != "YES" && *text != "NO")) {
-                add(qv::format("%s is %s: only the string \"YES\" suppresses the driver disk "
+                add(
+                    qv::format("%s is %s: only the string \"YES\" suppresses the driver disk "
                                "(write \"YES\" or \"NO\")",
                                Keys::kShouldSupressDriverDisk, shown(*disk)));
             }
@@ -320,7 +325,8 @@ class ValueChecker {
                                           : (query->isNumber() && query->integerValue() == 0 &&
                                              query->doubleValue() == 0.0);
             if (saysNo) {
-                add(qv::format("%s is %s, which turns the suppression on: any non-empty value "
+                add(
+                    qv::format("%s is %s, which turns the suppression on: any non-empty value "
                                "does (leave the key out, or empty, to keep it off)",
                                Keys::kSupressNetworkQueryWhileConnecting,
                                text != nullptr ? quoted(*text) : query->description()));
@@ -339,8 +345,8 @@ class ValueChecker {
         if (text != nullptr && std::find(words.begin(), words.end(), *text) != words.end()) {
             return;
         }
-        add(qv::format("%s is %s; known values: %s (anything else reads as %s)", key,
-                       shown(*value), joined(words), otherwise));
+        add(qv::format("%s is %s; known values: %s (anything else reads as %s)", key, shown(*value),
+                       joined(words), otherwise));
     }
 
     void checkManufacturer() {
@@ -434,7 +440,8 @@ class Check {
                 addMember("entry " + quoted(name), member);
             }
         } else {
-            add(_members.size(), qv::format("the root is %s, not a list of entries", typeName(root)));
+            add(_members.size(),
+                qv::format("the root is %s, not a list of entries", typeName(root)));
         }
     }
 
@@ -464,19 +471,19 @@ class Check {
         }
         const qv::Value* id = member.data->find(Keys::kQuorvelID);
         if (id == nullptr) {
-            add(index, qv::format("has no %s; the framework refuses the whole file",
-                                         Keys::kQuorvelID));
+            add(index,
+                qv::format("has no %s; the framework refuses the whole file", Keys::kQuorvelID));
         } else if (auto number = wholeInteger(*id); !number) {
             add(index, qv::format("%s is %s, not a number", Keys::kQuorvelID, shown(*id)));
         } else if (*number <= 0 || *number > std::numeric_limits<std::int32_t>::max()) {
-            add(index, qv::format("Quorvel ID %lld is not valid: it must be greater than 0",
-                                         *number));
+            add(index,
+                qv::format("Quorvel ID %lld is not valid: it must be greater than 0", *number));
         } else {
             const auto& first = _database.entryForQuorvelID(member.entry->quorvelID());
             if (first != member.entry) {
                 add(index, qv::format("Quorvel ID %lld is taken by %s already; lookups "
-                                             "find only that one",
-                                             *number, _members[_indexOfEntry[first.get()]].label));
+                                      "find only that one",
+                                      *number, _members[_indexOfEntry[first.get()]].label));
             }
         }
         for (const auto& [key, value] : *member.data) {
@@ -486,9 +493,8 @@ class Check {
         }
         const qv::Value* ancestor = member.data->find(Keys::kAncestorQuorvelID);
         if (ancestor != nullptr && !wholeInteger(*ancestor)) {
-            add(index,
-                qv::format("%s is %s, not a Quorvel ID", Keys::kAncestorQuorvelID,
-                           shown(*ancestor)));
+            add(index, qv::format("%s is %s, not a Quorvel ID", Keys::kAncestorQuorvelID,
+                                  shown(*ancestor)));
         }
     }
 
@@ -505,8 +511,8 @@ class Check {
             auto ancestorID = static_cast<std::uint32_t>(current->ancestorQuorvelID());
             if (!_database.hasEntryForQuorvelID(ancestorID)) {
                 if (current == member.entry.get()) {
-                    add(index, qv::format("ancestor %d names no entry",
-                                                 current->ancestorQuorvelID()));
+                    add(index,
+                        qv::format("ancestor %d names no entry", current->ancestorQuorvelID()));
                 }
                 return;
             }
@@ -524,7 +530,8 @@ class Check {
         member.chainComplete = true;
     }
 
-    void reportCycleIfFirst(std::size_t index, const std::vector<const QVDeviceDatabaseEntry*>& cycle) {
+    void reportCycleIfFirst(std::size_t index,
+                            const std::vector<const QVDeviceDatabaseEntry*>& cycle) {
         std::string path;
         for (const QVDeviceDatabaseEntry* entry : cycle) {
             if (_indexOfEntry.at(entry) < index) {
@@ -533,7 +540,8 @@ class Check {
             path += qv::format("%d -> ", static_cast<int>(entry->quorvelID()));
         }
         path += qv::format("%d", static_cast<int>(cycle.front()->quorvelID()));
-        add(index, qv::format("ancestor cycle %s: a lookup of a key none of them has never ends", path));
+        add(index,
+            qv::format("ancestor cycle %s: a lookup of a key none of them has never ends", path));
     }
 
     // Problems the member only inherits are left to the ancestor they come from.

@@ -43,10 +43,10 @@ std::int32_t enumerationValue(const qv::Value& stored,
 
 const std::vector<std::string>& coreProcedureCapabilities() {
     static const std::vector<std::string> names = {
-        "GroundInit",   "SignalStrength",      "ConnectInit",      "DeviceRecognition",
-        "RadioLinkAccess", "DeviceInfo",       "NetworkQuery",     "BandSelection",
-        "QuickConnectInfo", "SimSecurity",     "PLMNMenuSelection", "ControlWWANInterface",
-        "USSDServices", "GPSControl",          "GPSData",          "Unsolicited"};
+        "GroundInit",       "SignalStrength", "ConnectInit",       "DeviceRecognition",
+        "RadioLinkAccess",  "DeviceInfo",     "NetworkQuery",      "BandSelection",
+        "QuickConnectInfo", "SimSecurity",    "PLMNMenuSelection", "ControlWWANInterface",
+        "USSDServices",     "GPSControl",     "GPSData",           "Unsolicited"};
     return names;
 }
 
@@ -84,7 +84,9 @@ QVDeviceDatabaseEntry::QVDeviceDatabaseEntry(std::uint32_t quorvelID) : _quorvel
     setAncestorQuorvelID(-1);
 }
 
-QVDeviceDatabaseEntry::~QVDeviceDatabaseEntry() { _database = nullptr; }
+QVDeviceDatabaseEntry::~QVDeviceDatabaseEntry() {
+    _database = nullptr;
+}
 
 std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionary(
     const qv::Value& dictionary) {
@@ -254,7 +256,8 @@ QVCapabilitySet QVDeviceDatabaseEntry::portIdentificationCapabilitiesAtIndex(
 
 QVCapabilitySet QVDeviceDatabaseEntry::ethernetInterfaceCapabilitiesAtIndex(
     std::uint32_t index) const {
-    return capabilitiesFromString(objectForKey(indexedKey(Keys::kCapabilitiesEthernetPrefix, index)));
+    return capabilitiesFromString(
+        objectForKey(indexedKey(Keys::kCapabilitiesEthernetPrefix, index)));
 }
 
 bool QVDeviceDatabaseEntry::hasPortIdentificationPatternAndCapabilitiesAtIndex(

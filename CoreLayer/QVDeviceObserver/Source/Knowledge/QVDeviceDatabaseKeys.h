@@ -42,13 +42,22 @@ inline constexpr std::string_view kCapabilitiesEthernetPrefix =
     "DeviceDatabase.Capabilities.Ethernet-";
 
 // Every key the framework reads that takes no index.
-inline constexpr std::array<std::string_view, 16> kPlainKeys = {
-    kQuorvelID,          kAncestorQuorvelID,   kPortIdentificationStrategy,
-    kShouldSupressDriverDisk, kSupressNetworkQueryWhileConnecting,
-    kManufacturer,       kNetworkAccessTechnology, kNetworkIPv6Support,
-    kDeviceControllingAPIType, kSequence3GPreferred,  kSequence3GOnly,
-    kSequence2GPreferred, kSequence2GOnly,      kSequence4GPreferred,
-    kSequence4GOnly,     kSequence4G3GOnly};
+inline constexpr std::array<std::string_view, 16> kPlainKeys = {kQuorvelID,
+                                                                kAncestorQuorvelID,
+                                                                kPortIdentificationStrategy,
+                                                                kShouldSupressDriverDisk,
+                                                                kSupressNetworkQueryWhileConnecting,
+                                                                kManufacturer,
+                                                                kNetworkAccessTechnology,
+                                                                kNetworkIPv6Support,
+                                                                kDeviceControllingAPIType,
+                                                                kSequence3GPreferred,
+                                                                kSequence3GOnly,
+                                                                kSequence2GPreferred,
+                                                                kSequence2GOnly,
+                                                                kSequence4GPreferred,
+                                                                kSequence4GOnly,
+                                                                kSequence4G3GOnly};
 
 // The port identification strategies that USB port classification implements, in the order its
 // "Unknown classification technique" message lists them.
@@ -62,7 +71,7 @@ inline constexpr std::array<std::string_view, 3> kKnownStrategies = {
 inline constexpr std::array<std::string_view, 2> kNetworkAccessTechnologies = {"GSM", "CDMA"};
 inline constexpr std::array<std::string_view, 2> kNetworkIPv6Supports = {"IPv6", "IPv4v6"};
 inline constexpr std::array<std::string_view, 3> kDeviceAPITypes = {"ATInterface", "HuaweiWebApi",
-                                                                     "HalcyraWebApi"};
+                                                                    "HalcyraWebApi"};
 
 // Keys of the per-port dictionaries of portIdentificationPatternsAndCapabilities's dictionary
 // form; alternative A is stored under "DeviceDatabase.PatternAlternative_A".
