@@ -67,7 +67,9 @@ TEST(XMLPropertyListTest, RefusesWhatItCannotReadFaithfully) {
         plist("<integer></integer>"),
         plist("<array><string>x</string>"),  // truncated
         plist("<dict><integer>1</integer></dict>"),
-        plist("<string>\xC3</string>"),  // not UTF-8
+        plist("<string>\xC3</string>"),      // not UTF-8
+        plist("<string>&#xD800;</string>"),  // a reference to a surrogate is no UTF-8 either
+        plist(std::string("<string>a\0b</string>", 20)),
         "bplist00\x01\x02",
         "\xFF\xFE<\0?\0",
         "",
@@ -133,6 +135,8 @@ TEST(XMLPropertyListTest, WritesThePlatformLayoutAndReadsItBack) {
     EXPECT_FALSE(writeXMLPropertyList(Value()).ok());
     EXPECT_FALSE(writeXMLPropertyList(Value(Array{Value(), Value(1)})).ok());
     EXPECT_FALSE(writeXMLPropertyList(Value(Date{1e300})).ok());
+    // XML cannot carry a NUL character, which the old text form can ("\000").
+    EXPECT_FALSE(writeXMLPropertyList(Value(std::string("a\0b", 3))).ok());
 }
 
 TEST(XMLPropertyListTest, ReadsFilesAndRefusesMissingOrOversizedOnes) {

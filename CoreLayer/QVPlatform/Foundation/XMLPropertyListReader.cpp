@@ -172,7 +172,13 @@ bool convert(plist_t node, int depth, Value& out, std::string& error) {
         case PLIST_STRING: {
             std::uint64_t length = 0;
             const char* s = plist_get_string_ptr(node, &length);
-            out = Value(std::string(s != nullptr ? s : "", s != nullptr ? length : 0));
+            std::string text(s != nullptr ? s : "", s != nullptr ? length : 0);
+            // A character reference can name a surrogate, which is no UTF-8.
+            if (!isValidUTF8(text)) {
+                error = "a string is not valid UTF-8";
+                return false;
+            }
+            out = Value(std::move(text));
             return true;
         }
         case PLIST_DATA: {
@@ -226,11 +232,16 @@ bool convert(plist_t node, int depth, Value& out, std::string& error) {
                 if (item == nullptr) {
                     break;
                 }
+                std::string keyText = key != nullptr ? std::string(key.get()) : std::string();
+                if (!isValidUTF8(keyText)) {
+                    error = "a key is not valid UTF-8";
+                    return false;
+                }
                 Value value;
                 if (!convert(item, depth + 1, value, error)) {
                     return false;
                 }
-                dict.set(key != nullptr ? std::string(key.get()) : std::string(), std::move(value));
+                dict.set(std::move(keyText), std::move(value));
             }
             out = Value(std::move(dict));
             return true;
@@ -252,6 +263,9 @@ PropertyListResult readXMLPropertyList(std::string_view bytes) {
     }
     if (!isValidUTF8(bytes)) {
         return fail("not valid UTF-8 text");
+    }
+    if (bytes.find('\0') != std::string_view::npos) {
+        return fail("a NUL character is not allowed in XML");
     }
     if (std::string error = scanXML(bytes); !error.empty()) {
         return fail(std::move(error));
