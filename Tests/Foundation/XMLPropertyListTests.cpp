@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Foundation/PropertyList.h"
+#include "SmallStack.h"
 
 namespace qv {
 namespace {
@@ -83,16 +84,23 @@ TEST(XMLPropertyListTest, RefusesWhatItCannotReadFaithfully) {
 }
 
 TEST(XMLPropertyListTest, BoundsNestingWithoutExhaustingTheStack) {
-    const std::string ok = plist(nested("<array>", "</array>", kMaxNestingDepth));
-    EXPECT_TRUE(readPropertyList(ok).ok());
-    for (int levels : {kMaxNestingDepth + 1, 100000}) {
-        auto deepArrays = readPropertyList(plist(nested("<array>", "</array>", levels)));
-        EXPECT_NE(deepArrays.error.find("nested deeper"), std::string::npos) << deepArrays.error;
-        auto deepDicts = readPropertyList(plist(nested("<dict><key>k</key>", "</dict>", levels)));
-        EXPECT_FALSE(deepDicts.ok());
-    }
-    // Tags inside comments do not count.
-    EXPECT_TRUE(readPropertyList(plist("<!--" + nested("<array>", "", 1000) + "--><array/>")).ok());
+    runOnSmallStack([] {
+        const std::string ok = plist(nested("<array>", "</array>", kMaxNestingDepth));
+        EXPECT_TRUE(readPropertyList(ok).ok());
+        for (int levels : {kMaxNestingDepth + 1, 100000}) {
+            auto arrays = readPropertyList(plist(nested("<array>", "</array>", levels)));
+            EXPECT_NE(arrays.error.find("nested deeper"), std::string::npos) << arrays.error;
+            auto dicts = readPropertyList(plist(nested("<dict><key>k</key>", "</dict>", levels)));
+            EXPECT_FALSE(dicts.ok());
+            // An attribute does not hide an opening tag.
+            auto disguised =
+                readPropertyList(plist(nested("<array a=\"/>\">", "</array>", levels)));
+            EXPECT_FALSE(disguised.ok());
+        }
+        // Tags inside comments do not count.
+        EXPECT_TRUE(
+            readPropertyList(plist("<!--" + nested("<array>", "", 1000) + "--><array/>")).ok());
+    });
 }
 
 TEST(XMLPropertyListTest, WritesThePlatformLayoutAndReadsItBack) {

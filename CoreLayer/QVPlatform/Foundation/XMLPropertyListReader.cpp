@@ -70,6 +70,23 @@ std::string checkIntegerText(std::string_view text) {
     return {};
 }
 
+// The '>' that ends the tag opened at `from`, skipping quoted attribute values (a quoted "/>"
+// does not make a tag empty).
+std::size_t tagEnd(std::string_view xml, std::size_t from) {
+    char quote = 0;
+    for (std::size_t i = from; i < xml.size(); ++i) {
+        const char c = xml[i];
+        if (quote != 0) {
+            quote = c == quote ? 0 : quote;
+        } else if (c == '"' || c == '\'') {
+            quote = c;
+        } else if (c == '>') {
+            return i;
+        }
+    }
+    return std::string_view::npos;
+}
+
 // Scans the tags of an XML document: nesting of <array> and <dict> within kMaxNestingDepth,
 // and integers in range. Comments, CDATA, processing instructions and the DOCTYPE are skipped.
 // Anything else malformed is left for libplist to refuse.
@@ -94,7 +111,7 @@ std::string scanXML(std::string_view xml) {
                 close += 1;
             }
         } else {
-            close = xml.find('>', i + 1);
+            close = tagEnd(xml, i + 1);
             if (close == std::string_view::npos) {
                 break;
             }
@@ -277,7 +294,7 @@ PropertyListResult readXMLPropertyList(std::string_view bytes) {
         return fail("malformed document");
     }
     PropertyListResult result;
-    if (!convert(root.get(), 0, result.value, result.error)) {
+    if (!convert(root.get(), 1, result.value, result.error)) {
         return fail(std::move(result.error));
     }
     return result;
