@@ -5,6 +5,11 @@ port layout in interface order).
 
 Usage: scripts/generate-device-database.py [MODELS.tsv] [OUT.plist]
 
+The model list's last column says where a layout comes from: "driver" (the Linux driver fixes the
+port order: hso, nozomi, qcserial, cdc_ether/kalmia-only devices, serial cards), "mm-udev" (the
+interface numbers ModemManager's udev rules give for that vendor/product), "family" (the maker's
+usual layout for that generation, not confirmed for the single model).
+
 Families: Huawei, ZTE and Option models inherit from the generic family entries 15355, 15356 and
 15354, Sierra models from 5059 (a model and the Sierra family at once); the models of every other
 maker inherit from that maker's first model. An entry stores only what differs from what it

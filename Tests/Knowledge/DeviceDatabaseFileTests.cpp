@@ -66,6 +66,7 @@ class Entries {
 
 struct Model {
     int id;
+    std::uint32_t vendor, product;
     std::string ports;    // "ttyUSB0=modem ttyUSB1=diag ttyUSB2=pcui?"
     std::string network;  // "qmi_wwan:wwan0" or "-"
     std::string driverDisk;
@@ -84,7 +85,10 @@ std::vector<Model> readModels() {
         }
         EXPECT_EQ(fields.size(), 11u) << line;
         if (fields.size() == 11) {
-            models.push_back({std::stoi(fields[0]), fields[6], fields[7], fields[8]});
+            models.push_back({std::stoi(fields[0]),
+                              static_cast<std::uint32_t>(std::stoul(fields[1], nullptr, 16)),
+                              static_cast<std::uint32_t>(std::stoul(fields[2], nullptr, 16)),
+                              fields[6], fields[7], fields[8]});
         }
     }
     return models;
@@ -262,6 +266,14 @@ TEST_F(ShippedDatabase, RulesFindEachModelsLinuxPorts) {
     for (const Model& model : models) {
         SCOPED_TRACE(model.id);
         ASSERT_TRUE(entries.has(model.id));
+        // The model list describes the table's models: its pair is a table row of that ID.
+        bool inTable = false;
+        for (std::size_t i = 0; i < kDevicesInfoRowCount; ++i) {
+            const DevPropertyMatch& row = devicesInfo[i];
+            inTable |= row.quorvelID == model.id && row.vendorID == model.vendor &&
+                       row.productID == model.product;
+        }
+        EXPECT_TRUE(inTable);
         struct Port {
             std::string path, role;
             bool optional;
