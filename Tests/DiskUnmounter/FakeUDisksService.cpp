@@ -46,8 +46,15 @@ FakeUDisksService::~FakeUDisksService() {
     if (thread_.joinable()) {
         {
             std::lock_guard<std::mutex> lock(mutex_);
+            // Quit from inside the loop, so that a quit cannot come before the loop runs.
             if (loop_) {
-                g_main_loop_quit(loop_);
+                g_main_context_invoke(
+                    g_main_loop_get_context(loop_),
+                    [](gpointer loop) {
+                        g_main_loop_quit(static_cast<GMainLoop*>(loop));
+                        return gboolean(G_SOURCE_REMOVE);
+                    },
+                    loop_);
             }
         }
         thread_.join();

@@ -14,6 +14,8 @@ namespace {
 
 // udisks2 may unmount one mount point of a filesystem per call (bind mounts give several).
 constexpr int kMaximumUDisksRounds = 8;
+// The mount table is read again after each round, to catch what was mounted meanwhile.
+constexpr int kMaximumKernelRounds = 3;
 
 std::vector<const UDisksClient::Block*> mountedBlocksOf(
     const std::vector<UDisksClient::Block>& blocks, const DiskDevices& disk) {
@@ -63,9 +65,9 @@ const char* UnmountDiskCommand::usage() {
            "  --dry-run         print what would be done and change nothing\n"
            "  --no-udisks       do not use udisks2\n"
            "  --mountinfo PATH  read the mount table from PATH instead of /proc/self/mountinfo\n"
-           "                    (for tests; implies --no-udisks)\n"
+           "                    (for tests; only with --dry-run, implies --no-udisks)\n"
            "  --sysfs DIR       look up block devices under DIR instead of /sys\n"
-           "                    (for tests; implies --no-udisks)\n"
+           "                    (for tests; only with --dry-run, implies --no-udisks)\n"
            "  --help            print this text\n"
            "\n"
            "Exits with 0 when nothing of the disk is left mounted, otherwise prints one line\n"
@@ -77,6 +79,7 @@ std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std:
     UnmounterOptions options;
     bool haveCommand = false;
     bool haveName = false;
+    bool overridden = false;
     *helpWanted = false;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string& argument = arguments[i];
@@ -97,11 +100,13 @@ std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std:
                 return std::nullopt;
             }
             options.useUDisks = false;
+            overridden = true;
         } else if (isOption(argument, "--sysfs")) {
             if (!takeValue(arguments, &i, "--sysfs", &options.sysfsRoot, error)) {
                 return std::nullopt;
             }
             options.useUDisks = false;
+            overridden = true;
         } else if (argument.rfind("-", 0) == 0) {
             *error = "unknown option " + MountTable::quoted(argument);
             return std::nullopt;
@@ -118,6 +123,11 @@ std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std:
     }
     if (!haveName) {
         *error = "usage: qv-unmount-disk [options] unmountDisk NAME";
+        return std::nullopt;
+    }
+    // A made-up mount table or sysfs could name mounts of another disk: look, never touch.
+    if (overridden && !options.dryRun) {
+        *error = "--mountinfo and --sysfs are only for --dry-run";
         return std::nullopt;
     }
     return options;
@@ -250,29 +260,52 @@ int UnmountDiskCommand::unmountThroughUDisks(UDisksClient& client, const DiskDev
     return 0;
 }
 
+bool UnmountDiskCommand::isStillMounted(const DiskDevices& disk, const PlannedUnmount& step) const {
+    // Gone already (unmounted by someone else meanwhile) counts as done.
+    std::optional<MountTable> table = MountTable::read(options_.mountInfoPath, nullptr);
+    if (!table) {
+        return true;
+    }
+    return std::any_of(table->entries().begin(), table->entries().end(), [&](const MountEntry& e) {
+        return e.mountPoint == step.mountPoint && UnmountPlan::owner(e, disk) != nullptr;
+    });
+}
+
 int UnmountDiskCommand::runThroughKernel(const DiskDevices& disk) {
     std::string error;
-    std::optional<MountTable> table = MountTable::read(options_.mountInfoPath, &error);
-    if (!table) {
-        return fail(error);
-    }
-    std::optional<UnmountPlan> plan = UnmountPlan::make(*table, disk, &error);
-    if (!plan) {
-        return fail(error);
-    }
-    if (plan->steps().empty() && options_.dryRun) {
-        out_ << "nothing of " << disk.disk().name << " is mounted\n";
-    }
-    for (const PlannedUnmount& step : plan->steps()) {
-        std::string what = MountTable::quoted(step.mountPoint) + " (" + step.deviceName + ")";
+    for (int round = 0;; ++round) {
+        std::optional<MountTable> table = MountTable::read(options_.mountInfoPath, &error);
+        if (!table) {
+            return fail(error);
+        }
+        std::optional<UnmountPlan> plan = UnmountPlan::make(*table, disk, &error);
+        if (!plan) {
+            return fail(error);
+        }
+        if (plan->steps().empty()) {
+            if (options_.dryRun) {
+                out_ << "nothing of " << disk.disk().name << " is mounted\n";
+            }
+            break;
+        }
+        // Something mounts the disk again as fast as it goes (an automounter): give up.
+        if (round == kMaximumKernelRounds) {
+            return fail(plan->steps().front().deviceName + " is still mounted at " +
+                        MountTable::quoted(plan->steps().front().mountPoint));
+        }
+        for (const PlannedUnmount& step : plan->steps()) {
+            std::string what = MountTable::quoted(step.mountPoint) + " (" + step.deviceName + ")";
+            if (options_.dryRun) {
+                out_ << "would unmount " << what << " with umount2\n";
+            } else if (KernelDiskActions::unmount(step.mountPoint, &error)) {
+                out_ << "unmounted " << what << "\n";
+            } else if (isStillMounted(disk, step)) {
+                return fail("cannot unmount " + what + ": " + error);
+            }
+        }
         if (options_.dryRun) {
-            out_ << "would unmount " << what << " with umount2\n";
-            continue;
+            break;
         }
-        if (!KernelDiskActions::unmount(step.mountPoint, &error)) {
-            return fail("cannot unmount " + what + ": " + error);
-        }
-        out_ << "unmounted " << what << "\n";
     }
     if (!shouldEject(disk)) {
         return 0;

@@ -10,6 +10,7 @@
 
 #include "DiskDevices.h"
 #include "UDisksClient.h"
+#include "UnmountPlan.h"
 
 namespace diskunmounter {
 
@@ -47,6 +48,7 @@ class UnmountDiskCommand {
     int unmountThroughUDisks(UDisksClient& client, const DiskDevices& disk,
                              std::vector<UDisksClient::Block> blocks);
     int runThroughKernel(const DiskDevices& disk);
+    bool isStillMounted(const DiskDevices& disk, const PlannedUnmount& step) const;
     bool shouldEject(const DiskDevices& disk) const;
 
     UnmounterOptions options_;

@@ -4,6 +4,7 @@
 // failure is an error, never a crash.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -13,6 +14,9 @@
 namespace qv {
 
 inline constexpr int kMaxNestingDepth = 256;
+// Larger input is refused before parsing: the framework's own lists are a few hundred kilobytes,
+// and a parsed value takes many times the room of its text.
+inline constexpr std::size_t kMaxPropertyListSize = 8 * 1024 * 1024;
 
 struct PropertyListResult {
     Value value;        // nil on failure
@@ -21,10 +25,12 @@ struct PropertyListResult {
 };
 
 // Reads either text form, deciding by the content (XML when it starts, after blanks and a byte
-// order mark, with "<?xml" or "<plist" or "<!DOCTYPE").
+// order mark, with "<?xml" or "<plist" or "<!DOCTYPE"). Text must be UTF-8.
 PropertyListResult readPropertyList(std::string_view bytes);
 PropertyListResult readPropertyList(const Data& bytes);
 PropertyListResult readXMLPropertyList(std::string_view bytes);
+// The old text form: "quoted" and bare strings, <hex data>, ( arrays ), { key = value; }, // and
+// /* */ comments; a top level of bare "key = value;" pairs (a strings file) reads as a dictionary.
 PropertyListResult readASCIIPropertyList(std::string_view bytes);
 PropertyListResult readPropertyListFile(const std::string& path);
 

@@ -17,22 +17,38 @@ Dictionary::Dictionary(std::initializer_list<Entry> entries) {
     }
 }
 
-const Value* Dictionary::find(std::string_view key) const {
-    for (const auto& e : entries_) {
-        if (e.first == key) {
-            return &e.second;
+std::ptrdiff_t Dictionary::position(std::string_view key) const {
+    if (!index_.empty()) {
+        auto it = index_.find(key);
+        return it == index_.end() ? -1 : static_cast<std::ptrdiff_t>(it->second);
+    }
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        if (entries_[i].first == key) {
+            return static_cast<std::ptrdiff_t>(i);
         }
     }
-    return nullptr;
+    return -1;
+}
+
+void Dictionary::rebuildIndex() {
+    index_.clear();
+    if (entries_.size() <= kIndexThreshold) {
+        return;
+    }
+    index_.reserve(entries_.size());
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        index_.emplace(entries_[i].first, i);
+    }
+}
+
+const Value* Dictionary::find(std::string_view key) const {
+    std::ptrdiff_t i = position(key);
+    return i < 0 ? nullptr : &entries_[static_cast<std::size_t>(i)].second;
 }
 
 Value* Dictionary::find(std::string_view key) {
-    for (auto& e : entries_) {
-        if (e.first == key) {
-            return &e.second;
-        }
-    }
-    return nullptr;
+    std::ptrdiff_t i = position(key);
+    return i < 0 ? nullptr : &entries_[static_cast<std::size_t>(i)].second;
 }
 
 void Dictionary::set(std::string key, Value value) {
@@ -41,20 +57,28 @@ void Dictionary::set(std::string key, Value value) {
         return;
     }
     entries_.emplace_back(std::move(key), std::move(value));
+    if (!index_.empty()) {
+        index_.emplace(entries_.back().first, entries_.size() - 1);
+    } else if (entries_.size() > kIndexThreshold) {
+        rebuildIndex();
+    }
 }
 
 bool Dictionary::erase(std::string_view key) {
-    auto it = std::find_if(entries_.begin(), entries_.end(),
-                           [&](const Entry& e) { return e.first == key; });
-    if (it == entries_.end()) {
+    std::ptrdiff_t i = position(key);
+    if (i < 0) {
         return false;
     }
-    entries_.erase(it);
+    entries_.erase(entries_.begin() + i);
+    if (!index_.empty()) {
+        rebuildIndex();
+    }
     return true;
 }
 
 void Dictionary::clear() {
     entries_.clear();
+    index_.clear();
 }
 std::size_t Dictionary::size() const {
     return entries_.size();

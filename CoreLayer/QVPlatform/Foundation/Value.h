@@ -6,9 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -28,7 +30,8 @@ struct Date {
 
 // A dictionary that keeps its keys in insertion order (property lists written by people are
 // read back in the order they were written). Keys are unique; setting an existing key replaces
-// its value in place.
+// its value in place. Past a few entries a hash index keeps lookups constant-time, so building a
+// large dictionary from a file is linear.
 class Dictionary {
   public:
     using Entry = std::pair<std::string, Value>;
@@ -52,7 +55,20 @@ class Dictionary {
     bool operator==(const Dictionary& other) const;
 
   private:
+    struct KeyHash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view key) const {
+            return std::hash<std::string_view>{}(key);
+        }
+    };
+    using Index = std::unordered_map<std::string, std::size_t, KeyHash, std::equal_to<>>;
+    static constexpr std::size_t kIndexThreshold = 16;
+
+    std::ptrdiff_t position(std::string_view key) const;
+    void rebuildIndex();
+
     std::vector<Entry> entries_;
+    Index index_;  // key -> position in entries_; empty while the dictionary is small
 };
 
 class Value {
