@@ -83,9 +83,10 @@ TEST(QVDevice, PortSelectionLooksAtSerialPortsInOrder) {
     EXPECT_EQ(device->deviceName(), "ttyUSB0");
     EXPECT_EQ(device->getDevicePath(), "/dev/cu.ttyUSB0");
     EXPECT_EQ(device->ethernetInterfaceName(), "wwan0");
-    EXPECT_EQ(
-        QVDevice::filterInterfaces(device->interfaces(), {"SMS", "IS_SERIAL_INTERFACE"}).size(),
-        2u);
+    EXPECT_EQ(QVDevice::filterInterfaces(device->interfaces(),
+                                         std::vector<std::string>{"SMS", "IS_SERIAL_INTERFACE"})
+                  .size(),
+              2u);
     EXPECT_EQ(QVDevice::filterInterfaces(device->interfaces(), std::vector<std::string>{}).size(),
               4u);
 

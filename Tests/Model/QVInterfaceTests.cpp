@@ -127,7 +127,7 @@ TEST(QVInterface, ArchiveRoundTripKeepsClassAndFields) {
     ASSERT_NE(decoded, nullptr);
     EXPECT_TRUE(decoded->isEqual(wwan));
 
-    QVInterface plain({});
+    QVInterface plain(QVCapabilitySet{});
     decoded = archiveRoundTrip(plain);
     ASSERT_NE(decoded, nullptr);
     EXPECT_TRUE(decoded->isEqual(plain));
