@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Foundation/PropertyList.h"
+#include "SmallStack.h"
 
 namespace qv {
 namespace {
@@ -100,14 +101,16 @@ TEST(ASCIIPropertyListTest, RefusesMalformedTextWithTheLine) {
 }
 
 TEST(ASCIIPropertyListTest, BoundsNestingAndRoundTripsThroughXML) {
-    for (const std::string& open : {std::string("("), std::string("{a=")}) {
-        std::string deep(static_cast<std::size_t>(100000), ' ');
-        for (std::size_t i = 0; i < deep.size(); i += open.size()) {
-            deep.replace(i, open.size(), open);
+    runOnSmallStack([] {
+        for (const std::string& open : {std::string("("), std::string("{a=")}) {
+            std::string deep;
+            for (int i = 0; i < 100000; ++i) {
+                deep += open;
+            }
+            auto result = readPropertyList(deep);
+            EXPECT_NE(result.error.find("nested deeper"), std::string::npos) << result.error;
         }
-        auto result = readPropertyList(deep);
-        EXPECT_NE(result.error.find("nested deeper"), std::string::npos) << result.error;
-    }
+    });
     std::string deepest;
     for (int i = 0; i < kMaxNestingDepth; ++i) {
         deepest = "(" + deepest + ")";

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Foundation/PropertyList.h"
+#include "SmallStack.h"
 
 namespace qv {
 namespace {
@@ -67,7 +68,9 @@ TEST(XMLPropertyListTest, RefusesWhatItCannotReadFaithfully) {
         plist("<integer></integer>"),
         plist("<array><string>x</string>"),  // truncated
         plist("<dict><integer>1</integer></dict>"),
-        plist("<string>\xC3</string>"),  // not UTF-8
+        plist("<string>\xC3</string>"),      // not UTF-8
+        plist("<string>&#xD800;</string>"),  // a reference to a surrogate is no UTF-8 either
+        plist(std::string("<string>a\0b</string>", 20)),
         "bplist00\x01\x02",
         "\xFF\xFE<\0?\0",
         "",
@@ -81,16 +84,23 @@ TEST(XMLPropertyListTest, RefusesWhatItCannotReadFaithfully) {
 }
 
 TEST(XMLPropertyListTest, BoundsNestingWithoutExhaustingTheStack) {
-    const std::string ok = plist(nested("<array>", "</array>", kMaxNestingDepth));
-    EXPECT_TRUE(readPropertyList(ok).ok());
-    for (int levels : {kMaxNestingDepth + 1, 100000}) {
-        auto deepArrays = readPropertyList(plist(nested("<array>", "</array>", levels)));
-        EXPECT_NE(deepArrays.error.find("nested deeper"), std::string::npos) << deepArrays.error;
-        auto deepDicts = readPropertyList(plist(nested("<dict><key>k</key>", "</dict>", levels)));
-        EXPECT_FALSE(deepDicts.ok());
-    }
-    // Tags inside comments do not count.
-    EXPECT_TRUE(readPropertyList(plist("<!--" + nested("<array>", "", 1000) + "--><array/>")).ok());
+    runOnSmallStack([] {
+        const std::string ok = plist(nested("<array>", "</array>", kMaxNestingDepth));
+        EXPECT_TRUE(readPropertyList(ok).ok());
+        for (int levels : {kMaxNestingDepth + 1, 100000}) {
+            auto arrays = readPropertyList(plist(nested("<array>", "</array>", levels)));
+            EXPECT_NE(arrays.error.find("nested deeper"), std::string::npos) << arrays.error;
+            auto dicts = readPropertyList(plist(nested("<dict><key>k</key>", "</dict>", levels)));
+            EXPECT_FALSE(dicts.ok());
+            // An attribute does not hide an opening tag.
+            auto disguised =
+                readPropertyList(plist(nested("<array a=\"/>\">", "</array>", levels)));
+            EXPECT_FALSE(disguised.ok());
+        }
+        // Tags inside comments do not count.
+        EXPECT_TRUE(
+            readPropertyList(plist("<!--" + nested("<array>", "", 1000) + "--><array/>")).ok());
+    });
 }
 
 TEST(XMLPropertyListTest, WritesThePlatformLayoutAndReadsItBack) {
@@ -133,6 +143,8 @@ TEST(XMLPropertyListTest, WritesThePlatformLayoutAndReadsItBack) {
     EXPECT_FALSE(writeXMLPropertyList(Value()).ok());
     EXPECT_FALSE(writeXMLPropertyList(Value(Array{Value(), Value(1)})).ok());
     EXPECT_FALSE(writeXMLPropertyList(Value(Date{1e300})).ok());
+    // XML cannot carry a NUL character, which the old text form can ("\000").
+    EXPECT_FALSE(writeXMLPropertyList(Value(std::string("a\0b", 3))).ok());
 }
 
 TEST(XMLPropertyListTest, ReadsFilesAndRefusesMissingOrOversizedOnes) {

@@ -70,6 +70,23 @@ std::string checkIntegerText(std::string_view text) {
     return {};
 }
 
+// The '>' that ends the tag opened at `from`, skipping quoted attribute values (a quoted "/>"
+// does not make a tag empty).
+std::size_t tagEnd(std::string_view xml, std::size_t from) {
+    char quote = 0;
+    for (std::size_t i = from; i < xml.size(); ++i) {
+        const char c = xml[i];
+        if (quote != 0) {
+            quote = c == quote ? 0 : quote;
+        } else if (c == '"' || c == '\'') {
+            quote = c;
+        } else if (c == '>') {
+            return i;
+        }
+    }
+    return std::string_view::npos;
+}
+
 // Scans the tags of an XML document: nesting of <array> and <dict> within kMaxNestingDepth,
 // and integers in range. Comments, CDATA, processing instructions and the DOCTYPE are skipped.
 // Anything else malformed is left for libplist to refuse.
@@ -94,7 +111,7 @@ std::string scanXML(std::string_view xml) {
                 close += 1;
             }
         } else {
-            close = xml.find('>', i + 1);
+            close = tagEnd(xml, i + 1);
             if (close == std::string_view::npos) {
                 break;
             }
@@ -172,7 +189,13 @@ bool convert(plist_t node, int depth, Value& out, std::string& error) {
         case PLIST_STRING: {
             std::uint64_t length = 0;
             const char* s = plist_get_string_ptr(node, &length);
-            out = Value(std::string(s != nullptr ? s : "", s != nullptr ? length : 0));
+            std::string text(s != nullptr ? s : "", s != nullptr ? length : 0);
+            // A character reference can name a surrogate, which is no UTF-8.
+            if (!isValidUTF8(text)) {
+                error = "a string is not valid UTF-8";
+                return false;
+            }
+            out = Value(std::move(text));
             return true;
         }
         case PLIST_DATA: {
@@ -226,11 +249,16 @@ bool convert(plist_t node, int depth, Value& out, std::string& error) {
                 if (item == nullptr) {
                     break;
                 }
+                std::string keyText = key != nullptr ? std::string(key.get()) : std::string();
+                if (!isValidUTF8(keyText)) {
+                    error = "a key is not valid UTF-8";
+                    return false;
+                }
                 Value value;
                 if (!convert(item, depth + 1, value, error)) {
                     return false;
                 }
-                dict.set(key != nullptr ? std::string(key.get()) : std::string(), std::move(value));
+                dict.set(std::move(keyText), std::move(value));
             }
             out = Value(std::move(dict));
             return true;
@@ -253,6 +281,9 @@ PropertyListResult readXMLPropertyList(std::string_view bytes) {
     if (!isValidUTF8(bytes)) {
         return fail("not valid UTF-8 text");
     }
+    if (bytes.find('\0') != std::string_view::npos) {
+        return fail("a NUL character is not allowed in XML");
+    }
     if (std::string error = scanXML(bytes); !error.empty()) {
         return fail(std::move(error));
     }
@@ -263,7 +294,7 @@ PropertyListResult readXMLPropertyList(std::string_view bytes) {
         return fail("malformed document");
     }
     PropertyListResult result;
-    if (!convert(root.get(), 0, result.value, result.error)) {
+    if (!convert(root.get(), 1, result.value, result.error)) {
         return fail(std::move(result.error));
     }
     return result;

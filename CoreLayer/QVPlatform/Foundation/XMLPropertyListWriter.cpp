@@ -112,6 +112,9 @@ class XMLWriter {
                 error_ = "a nil value cannot be written";
                 return false;
             case Value::Type::String:
+                if (!checkText(*value.asString())) {
+                    return false;
+                }
                 out_ += tabs + "<string>";
                 appendEscaped(out_, *value.asString());
                 out_ += "</string>\n";
@@ -151,6 +154,15 @@ class XMLWriter {
     std::string& error() { return error_; }
 
   private:
+    // XML has no way to write a NUL character, not even as a reference.
+    bool checkText(std::string_view text) {
+        if (text.find('\0') != std::string_view::npos) {
+            error_ = "a string with a NUL character cannot be written";
+            return false;
+        }
+        return true;
+    }
+
     bool writeArray(const Array& array, int indent, const std::string& tabs) {
         if (array.empty()) {
             out_ += tabs + "<array/>\n";
@@ -173,6 +185,9 @@ class XMLWriter {
         }
         out_ += tabs + "<dict>\n";
         for (const auto& [key, element] : dict) {
+            if (!checkText(key)) {
+                return false;
+            }
             out_ += tabs + "\t<key>";
             appendEscaped(out_, key);
             out_ += "</key>\n";
