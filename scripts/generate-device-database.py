@@ -147,7 +147,6 @@ def main():
         entry = {K + "QuorvelID": own}
         if parent != -1:
             entry[K + "AncestorQuorvelID"] = parent
-        entry[K + "Description"] = model["description"]
         for key, value in want.items():
             if inherited.get(key) != value:
                 entry[key] = value
@@ -157,7 +156,7 @@ def main():
                     sys.exit(f"{own}: cannot mask inherited {key}")
                 entry[key] = ""
         resolved[own] = {**inherited, **{k: v for k, v in entry.items() if k.startswith(K) and
-                                         not k.endswith(("QuorvelID", "Description"))}}
+                                         not k.endswith("QuorvelID")}}
         entries.append(entry)
     entries.sort(key=lambda e: e[K + "QuorvelID"])
     out_path.write_bytes(plistlib.dumps(entries, fmt=plistlib.FMT_XML, sort_keys=False))
