@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Foundation/JsonValue.h"
+#include "Foundation/Platform.h"
 #include "qvdevice/CommandLine.h"
 
 namespace {
@@ -37,6 +38,16 @@ TEST(DatabaseCommand, CheckPassesAGoodFileWithOneSummaryLine) {
     ToolRun run = runTool({"db", "check", fixture("Family.plist")});
     EXPECT_EQ(run.code, 0) << run.out << run.err;
     EXPECT_EQ(run.out, fixture("Family.plist") + ": 3 entries, no problems\n");
+}
+
+// The model coverage of the shipped file is tested in Knowledge/DeviceDatabaseFileTests.cpp.
+TEST(DatabaseCommand, TheShippedDatabasePassesTheCheck) {
+    qv::Bundle::setResourcesDirectory(QV_BUILD_RESOURCES_DIR);
+    ToolRun run = runTool({"db", "check"});
+    qv::Bundle::setResourcesDirectory(std::nullopt);
+    EXPECT_EQ(run.code, 0) << run.out << run.err;
+    EXPECT_EQ(run.out, std::string(QV_BUILD_RESOURCES_DIR) +
+                           "/DeviceDatabase.plist: 154 entries, no problems\n");
 }
 
 TEST(DatabaseCommand, CheckNamesTheEntryOfEveryProblem) {

@@ -81,6 +81,9 @@ int runCheck(const DatabaseOptions& options, CommandContext& context) {
 }
 
 std::string shownValue(const qv::Value& value) {
+    if (value.isNil()) {
+        return "none";
+    }
     const std::string* text = value.asString();
     return text != nullptr ? QVDeviceDatabaseChecker::quoted(*text) : value.description();
 }
@@ -153,9 +156,13 @@ void printEntry(std::ostream& out, const QVDeviceDatabaseEntry& entry,
     namespace Keys = QVDeviceDatabaseKeys;
     out << "Quorvel ID " << entry.quorvelID() << "\n";
     if (!ancestors.empty()) {
+        constexpr std::size_t kShown = 16;
         out << "Inherits from:";
-        for (const auto& ancestor : ancestors) {
-            out << " " << ancestor->quorvelID();
+        for (std::size_t i = 0; i < ancestors.size() && i < kShown; ++i) {
+            out << " " << ancestors[i]->quorvelID();
+        }
+        if (ancestors.size() > kShown) {
+            out << " ... (" << ancestors.size() << " entries)";
         }
         out << "\n";
     }

@@ -241,8 +241,10 @@ class ValueChecker {
             add(qv::format("%s is never read: %s", key, gap));
             return;
         }
-        std::uint32_t first = 0;
-        while (_values.contains(alternativeKey(indexed.index, first))) {
+        // Counted once per port: an entry may hold any number of alternatives.
+        auto [counted, isNew] = _alternativeGaps.try_emplace(indexed.index, 0);
+        std::uint32_t& first = counted->second;
+        while (isNew && _values.contains(alternativeKey(indexed.index, first))) {
             ++first;
         }
         if (indexed.alternative > first) {
@@ -362,6 +364,8 @@ class ValueChecker {
 
     const qv::Dictionary& _values;
     std::string _strategy;
+    // Port -> its first missing alternative.
+    std::unordered_map<std::uint32_t, std::uint32_t> _alternativeGaps;
     std::vector<std::string> _problems;
 };
 
@@ -369,6 +373,10 @@ bool isKnownPlainKey(std::string_view key) {
     return std::find(Keys::kPlainKeys.begin(), Keys::kPlainKeys.end(), key) !=
            Keys::kPlainKeys.end();
 }
+
+// Families are a few levels deep; a longer chain is a mistake or a hostile file, and resolving
+// it for every entry would cost quadratic time.
+constexpr std::size_t kMaxChainDepth = 32;
 
 struct Member {
     std::string label;
@@ -498,49 +506,117 @@ class Check {
         }
     }
 
-    // Follows the member's ancestors: a missing direct ancestor is reported here, a cycle once,
-    // at the member of the cycle that comes first in the file.
+    // A member's ancestor chain: a missing direct ancestor is reported at the member, a cycle
+    // once, at the member of the cycle that comes first in the file, a chain too deep to be a
+    // family at the first member past the limit. Only members with a sound chain get their
+    // values checked with inheritance resolved.
     void checkChain(std::size_t index) {
         Member& member = _members[index];
         if (!member.entry) {
             return;
         }
-        std::vector<const QVDeviceDatabaseEntry*> visited = {member.entry.get()};
-        const QVDeviceDatabaseEntry* current = member.entry.get();
-        while (current->hasAncestor()) {
-            auto ancestorID = static_cast<std::uint32_t>(current->ancestorQuorvelID());
+        const QVDeviceDatabaseEntry* entry = member.entry.get();
+        Chain chain{ChainState::Complete, 0};
+        if (entry->hasAncestor()) {
+            auto ancestorID = static_cast<std::uint32_t>(entry->ancestorQuorvelID());
             if (!_database.hasEntryForQuorvelID(ancestorID)) {
-                if (current == member.entry.get()) {
-                    add(index,
-                        qv::format("ancestor %d names no entry", current->ancestorQuorvelID()));
-                }
+                add(index, qv::format("ancestor %d names no entry", entry->ancestorQuorvelID()));
                 return;
             }
-            const QVDeviceDatabaseEntry* next = _database.entryForQuorvelID(ancestorID).get();
-            auto seen = std::find(visited.begin(), visited.end(), next);
-            if (seen != visited.end()) {
-                if (seen == visited.begin()) {
-                    reportCycleIfFirst(index, visited);
-                }
-                return;
+            // Duplicates are no lookup's target, so only first entries are analysed as nodes.
+            const QVDeviceDatabaseEntry* first =
+                _database.entryForQuorvelID(entry->quorvelID()).get();
+            if (first == entry) {
+                chain = analyseChain(entry);
+            } else {
+                chain = analyseChain(_database.entryForQuorvelID(ancestorID).get());
+                chain.depth += 1;
+                chain.state = chain.state == ChainState::Cycle ? ChainState::Broken : chain.state;
             }
-            visited.push_back(next);
-            current = next;
+        }
+        if (chain.state != ChainState::Complete) {
+            return;
+        }
+        if (chain.depth > kMaxChainDepth) {
+            if (chain.depth == kMaxChainDepth + 1) {
+                add(index, qv::format("ancestor chain deeper than %zu entries", kMaxChainDepth));
+            }
+            return;
         }
         member.chainComplete = true;
     }
 
-    void reportCycleIfFirst(std::size_t index,
-                            const std::vector<const QVDeviceDatabaseEntry*>& cycle) {
-        std::string path;
-        for (const QVDeviceDatabaseEntry* entry : cycle) {
-            if (_indexOfEntry.at(entry) < index) {
-                return;
+    enum class ChainState { Complete, Broken, Cycle };
+    struct Chain {
+        ChainState state;
+        std::size_t depth;  // ancestors above the entry
+    };
+
+    // Follows the chain from a first entry once, recording every entry on the way, so that the
+    // whole file costs linear time whatever its chains look like.
+    Chain analyseChain(const QVDeviceDatabaseEntry* start) {
+        std::vector<const QVDeviceDatabaseEntry*> path;
+        std::unordered_map<const QVDeviceDatabaseEntry*, std::size_t> onPath;
+        Chain last{ChainState::Complete, 0};  // what the last entry of `path` gets
+        const QVDeviceDatabaseEntry* current = start;
+        for (;;) {
+            if (auto known = _chains.find(current); known != _chains.end()) {
+                if (path.empty()) {
+                    return known->second;
+                }
+                last = known->second.state == ChainState::Complete
+                           ? Chain{ChainState::Complete, known->second.depth + 1}
+                           : Chain{ChainState::Broken, 0};
+                break;
             }
+            if (auto at = onPath.find(current); at != onPath.end()) {
+                std::vector<const QVDeviceDatabaseEntry*> cycle(
+                    path.begin() + static_cast<std::ptrdiff_t>(at->second), path.end());
+                reportCycle(cycle);
+                for (const QVDeviceDatabaseEntry* member : cycle) {
+                    _chains[member] = {ChainState::Cycle, 0};
+                }
+                path.resize(at->second);
+                last = {ChainState::Broken, 0};
+                break;
+            }
+            onPath.emplace(current, path.size());
+            path.push_back(current);
+            if (!current->hasAncestor()) {
+                break;
+            }
+            auto ancestorID = static_cast<std::uint32_t>(current->ancestorQuorvelID());
+            if (!_database.hasEntryForQuorvelID(ancestorID)) {
+                last = {ChainState::Broken, 0};
+                break;
+            }
+            current = _database.entryForQuorvelID(ancestorID).get();
+        }
+        for (std::size_t i = path.size(); i-- > 0;) {
+            _chains[path[i]] = last;
+            if (last.state == ChainState::Complete) {
+                ++last.depth;
+            }
+        }
+        return _chains.at(start);
+    }
+
+    void reportCycle(const std::vector<const QVDeviceDatabaseEntry*>& cycle) {
+        auto first = std::min_element(cycle.begin(), cycle.end(), [this](auto* a, auto* b) {
+            return _indexOfEntry.at(a) < _indexOfEntry.at(b);
+        });
+        std::string path;
+        constexpr std::size_t kShown = 8;
+        for (std::size_t i = 0; i < cycle.size() && i < kShown; ++i) {
+            const QVDeviceDatabaseEntry* entry =
+                cycle[(static_cast<std::size_t>(first - cycle.begin()) + i) % cycle.size()];
             path += qv::format("%d -> ", static_cast<int>(entry->quorvelID()));
         }
-        path += qv::format("%d", static_cast<int>(cycle.front()->quorvelID()));
-        add(index,
+        if (cycle.size() > kShown) {
+            path += qv::format("... (%zu entries) -> ", cycle.size());
+        }
+        path += qv::format("%d", static_cast<int>((*first)->quorvelID()));
+        add(_indexOfEntry.at(*first),
             qv::format("ancestor cycle %s: a lookup of a key none of them has never ends", path));
     }
 
@@ -565,6 +641,7 @@ class Check {
     std::vector<Member> _members;
     QVDeviceDatabase _database;
     std::unordered_map<const QVDeviceDatabaseEntry*, std::size_t> _indexOfEntry;
+    std::unordered_map<const QVDeviceDatabaseEntry*, Chain> _chains;
     std::vector<std::size_t> _order;
     const std::string _fileLabel = "file";
 };

@@ -31,6 +31,10 @@ inline constexpr std::string_view kSequence4GPreferred = "DeviceDatabase.Sequenc
 inline constexpr std::string_view kSequence4GOnly = "DeviceDatabase.Sequence.4GOnly";
 inline constexpr std::string_view kSequence4G3GOnly = "DeviceDatabase.Sequence.4G3GOnly";
 
+// The model's name, for people reading the file (and `qvdevice db show`); the framework does not
+// read it.
+inline constexpr std::string_view kDescription = "DeviceDatabase.Description";
+
 // Indexed keys: the prefix, then the decimal index; an alternative pattern's key holds the
 // alternative index, then the port index ("DeviceDatabase.PatternAlternative-1.Port-0" is the
 // second alternative of port 0).
@@ -41,8 +45,9 @@ inline constexpr std::string_view kCapabilitiesPortPrefix = "DeviceDatabase.Capa
 inline constexpr std::string_view kCapabilitiesEthernetPrefix =
     "DeviceDatabase.Capabilities.Ethernet-";
 
-// Every key the framework reads that takes no index.
-inline constexpr std::array<std::string_view, 16> kPlainKeys = {kQuorvelID,
+// Every key without an index that an entry may hold.
+inline constexpr std::array<std::string_view, 17> kPlainKeys = {kDescription,
+                                                                kQuorvelID,
                                                                 kAncestorQuorvelID,
                                                                 kPortIdentificationStrategy,
                                                                 kShouldSupressDriverDisk,
