@@ -4,8 +4,10 @@
 #include <vector>
 
 #include "Foundation/Logging.h"
+#include "Knowledge/QVDeviceDatabase.h"
 #include "Model/QVDevice.h"
 #include "Model/QVEthernetInterface.h"
+#include "Rules/QVAllowedDeviceRulesEntry.h"
 
 namespace {
 
@@ -203,6 +205,42 @@ TEST(QVDevice, DictionaryWithBadInterfacesLoadsTheRest) {
                                         "class name not set in interfaces data",
                                         "class name not set in interfaces data"}));
     EXPECT_TRUE(QVDevice::loadDictionary(qv::Value("not a dictionary"))->interfaces().empty());
+}
+
+}  // namespace
+
+namespace {
+
+TEST(QVDevice, ModelFactsComeFromTheEntryAndTheRule) {
+    auto device = QVDevice::device();
+    EXPECT_EQ(device->manufacturerID(), 0);
+    EXPECT_EQ(device->networkAccessTechnology(), 0);
+    EXPECT_EQ(device->networkIPv6Support(), 0);
+    EXPECT_EQ(device->deviceAPIType(), 0);
+    EXPECT_EQ(device->preferredDTIfType(), 0);
+
+    QVDeviceDatabase database;
+    auto entry = QVDeviceDatabaseEntry::entryFromDictionary(qv::Value(qv::Dictionary{
+        {"DeviceDatabase.QuorvelID", 4817},
+        {"DeviceDatabase.Manufacturer", "Huawei"},
+        {"DeviceDatabase.NetworkAccessTechnology", "CDMA"},
+        {"DeviceDatabase.NetworkIPv6Support", "IPv6"},
+        {"DeviceDatabase.DeviceControllingAPIType", "HalcyraWebApi"},
+    }));
+    database.addEntry(entry);
+    device->setDatabaseEntry(entry);
+    EXPECT_EQ(device->manufacturerID(), 3);
+    EXPECT_EQ(device->networkAccessTechnology(), 1);
+    EXPECT_EQ(device->networkIPv6Support(), 0);
+    EXPECT_EQ(device->deviceAPIType(), 2);
+
+    const std::vector<std::pair<qv::Value, int>> rules = {
+        {"kEthernet", 2}, {"kSerial", 1}, {"kethernet", 0}, {qv::Value(2), 0}};
+    for (const auto& [type, expected] : rules) {
+        device->setAllowedDeviceRulesEntry(QVAllowedDeviceRulesEntry::entryWithDict(
+            qv::Value(qv::Dictionary{{"PreferredDataTransportInterfaceType", type}})));
+        EXPECT_EQ(device->preferredDTIfType(), expected) << type.description();
+    }
 }
 
 }  // namespace

@@ -4,7 +4,9 @@
 
 #include "Foundation/Format.h"
 #include "Foundation/Logging.h"
+#include "Knowledge/QVDeviceDatabaseEntry.h"
 #include "Model/QVEthernetInterface.h"
+#include "Rules/QVAllowedDeviceRulesEntry.h"
 
 namespace {
 
@@ -289,6 +291,34 @@ std::optional<std::string> QVDevice::ethernetInterfaceName() const {
         return ethernet->interfaceName();
     }
     return interfaces.front()->name();
+}
+
+std::int32_t QVDevice::manufacturerID() const {
+    return _databaseEntry ? _databaseEntry->manufacturerID() : 0;
+}
+
+std::int32_t QVDevice::networkAccessTechnology() const {
+    return _databaseEntry ? _databaseEntry->networkAccessTechnology() : 0;
+}
+
+std::int32_t QVDevice::networkIPv6Support() const {
+    return _databaseEntry ? _databaseEntry->networkIPv6Support() : 0;
+}
+
+std::int32_t QVDevice::deviceAPIType() const {
+    return _databaseEntry ? _databaseEntry->deviceAPIType() : 0;
+}
+
+std::int32_t QVDevice::preferredDTIfType() const {
+    if (!_allowedDeviceRulesEntry) {
+        return 0;
+    }
+    const std::optional<std::string> type =
+        _allowedDeviceRulesEntry->preferredDataTransportInterfaceTypeStr();
+    if (type == "kEthernet") {
+        return 2;
+    }
+    return type == "kSerial" ? 1 : 0;
 }
 
 qv::Value QVDevice::toDictionary() const {

@@ -98,6 +98,16 @@ class QVDevice : public qv::Object, public qv::Coding {
     int getMessageDeviceType() const { return 2; }
     std::optional<std::string> ethernetInterfaceName() const;
 
+    // ---- model facts (0 when no entry is set) ----
+    // From the database entry: the maker's number, "GSM" 0 / "CDMA" 1, "IPv6" 0 / "IPv4v6" 1
+    // (-1 when unknown), and the controlling interface (0 for AT commands).
+    std::int32_t manufacturerID() const;
+    std::int32_t networkAccessTechnology() const;
+    std::int32_t networkIPv6Support() const;
+    std::int32_t deviceAPIType() const;
+    // From the rule that allowed the device: "kEthernet" 2, "kSerial" 1, anything else 0.
+    std::int32_t preferredDTIfType() const;
+
     // ---- persistent forms ----
     virtual std::string className() const { return "QVDevice"; }
     virtual qv::Value toDictionary() const;
