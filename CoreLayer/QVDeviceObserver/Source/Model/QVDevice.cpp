@@ -139,7 +139,8 @@ void QVDevice::setQuorvelID(std::int32_t quorvelID) {
 }
 
 void QVDevice::setUUID(LocationNumber locationNumber) {
-    if (!locationNumber) {
+    // Anything but a number (a registry property of the wrong type) counts as nil.
+    if (!locationNumber || !locationNumber->isNumber()) {
         locationNumber = std::make_shared<const qv::Value>(0);
     }
     if (_locationID && numericallyEqual(*_locationID, *locationNumber)) {

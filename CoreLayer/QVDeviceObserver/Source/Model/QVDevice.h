@@ -53,7 +53,7 @@ class QVDevice : public qv::Object, public qv::Coding {
     // ---- tracking setters: they mark the record changed only on a real difference ----
     void setAvailable(bool available);
     void setQuorvelID(std::int32_t quorvelID);
-    // nil becomes the number 0.
+    // nil, or anything that is not a number, becomes the number 0.
     void setUUID(LocationNumber locationNumber);
     void setUUID(const qv::Value& locationNumber);
     // nil counts as the empty string; a nil field becomes "" first, without a change.
