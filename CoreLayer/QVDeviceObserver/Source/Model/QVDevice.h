@@ -98,6 +98,13 @@ class QVDevice : public qv::Object, public qv::Coding {
     int getMessageDeviceType() const { return 2; }
     std::optional<std::string> ethernetInterfaceName() const;
 
+    // ---- texts ----
+    // The modem library's name for the model.
+    std::string getDisplayName() const;
+    // Several lines: ID, availability, names, the library's device type, the network interface
+    // and the interfaces.
+    std::string description() const override;
+
     // ---- model facts (0 when no entry is set) ----
     // From the database entry: the maker's number, "GSM" 0 / "CDMA" 1, "IPv6" 0 / "IPv4v6" 1
     // (-1 when unknown), and the controlling interface (0 for AT commands).
