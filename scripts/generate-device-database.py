@@ -5,6 +5,11 @@ port layout in interface order).
 
 Usage: scripts/generate-device-database.py [MODELS.tsv] [OUT.plist]
 
+The model list's last column says where a layout comes from: "driver" (the Linux driver fixes the
+port order: hso, nozomi, qcserial, cdc_ether/kalmia-only devices, serial cards), "mm-udev" (the
+interface numbers ModemManager's udev rules give for that vendor/product), "family" (the maker's
+usual layout for that generation, not confirmed for the single model).
+
 Families: Huawei, ZTE and Option models inherit from the generic family entries 15355, 15356 and
 15354, Sierra models from 5059 (a model and the Sierra family at once); the models of every other
 maker inherit from that maker's first model. An entry stores only what differs from what it
@@ -142,7 +147,6 @@ def main():
         entry = {K + "QuorvelID": own}
         if parent != -1:
             entry[K + "AncestorQuorvelID"] = parent
-        entry[K + "Description"] = model["description"]
         for key, value in want.items():
             if inherited.get(key) != value:
                 entry[key] = value
@@ -152,7 +156,7 @@ def main():
                     sys.exit(f"{own}: cannot mask inherited {key}")
                 entry[key] = ""
         resolved[own] = {**inherited, **{k: v for k, v in entry.items() if k.startswith(K) and
-                                         not k.endswith(("QuorvelID", "Description"))}}
+                                         not k.endswith("QuorvelID")}}
         entries.append(entry)
     entries.sort(key=lambda e: e[K + "QuorvelID"])
     out_path.write_bytes(plistlib.dumps(entries, fmt=plistlib.FMT_XML, sort_keys=False))

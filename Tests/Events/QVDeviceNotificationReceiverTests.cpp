@@ -155,6 +155,12 @@ TEST_F(ReceiverTest, BaseBehaviour) {
     EXPECT_FALSE(base->isApplicationRunning("com.example.Other"));
     qv::Workspace::setShared(nullptr);
 
+    // The exception left the base's timer scheduled, as any timer whose callback throws; it goes
+    // with its receiver.
+    EXPECT_EQ(loop_->scheduledTimerCount(), 1u);
+    base.reset();
+    EXPECT_EQ(loop_->scheduledTimerCount(), 0u);
+
     // A receiver that goes away stops its timer.
     auto transient = std::make_shared<TestReceiver>();
     transient->addDevice(device);

@@ -48,11 +48,17 @@ TEST(Bundle, FindsResourcesInTheChosenDirectoryOnly) {
 
     // Without an override: the environment, then an installed or the build tree's directory.
     qv::Bundle::setResourcesDirectory(std::nullopt);
+    const char* saved = std::getenv("QVDEVICEOBSERVER_RESOURCES");
+    std::optional<std::string> previous =
+        saved != nullptr ? std::optional<std::string>(saved) : std::nullopt;
     setenv("QVDEVICEOBSERVER_RESOURCES", dir.path().c_str(), 1);
     EXPECT_EQ(qv::Bundle::resourcesDirectory(), dir.path());
     unsetenv("QVDEVICEOBSERVER_RESOURCES");
     EXPECT_NE(qv::Bundle::resourcesDirectory(), dir.path());
     EXPECT_FALSE(qv::Bundle::resourcesDirectory().empty());
+    if (previous) {
+        setenv("QVDEVICEOBSERVER_RESOURCES", previous->c_str(), 1);
+    }
 }
 
 TEST(SystemVersion, LinuxCountsAsLeopardOrLaterUnlessInjected) {

@@ -13,6 +13,9 @@
 
 #include "Foundation/PropertyList.h"
 #include "Foundation/Regex.h"
+#include "Knowledge/QVDeviceDatabase.h"
+#include "Knowledge/QVDeviceDatabaseChecker.h"
+#include "Knowledge/QVDeviceDatabaseEntry.h"
 #include "Knowledge/QVDeviceTables.h"
 
 namespace {
@@ -24,48 +27,38 @@ std::string databasePath() {
            "/CoreLayer/QVDeviceObserver/Resources/DeviceDatabase.plist";
 }
 
-// The entries by ID, with the ancestor climb that lookups do: own value first, then the
-// ancestor's; an empty string is a value and stops the climb.
+// The shipped file loaded the way the framework loads it; lookups climb the ancestors.
 class Entries {
   public:
-    explicit Entries(const qv::Value& root) {
-        for (const qv::Value& member : *root.asArray()) {
-            const qv::Dictionary* entry = member.asDictionary();
-            EXPECT_NE(entry, nullptr);
-            if (entry == nullptr) {
-                continue;
-            }
-            const qv::Value* id = entry->find(kKey + "QuorvelID");
-            EXPECT_TRUE(id != nullptr && id->isInteger());
-            if (id != nullptr) {
-                EXPECT_TRUE(byID_.emplace(id->intValue(), entry).second)
-                    << "duplicate " << id->intValue();
-            }
+    explicit Entries(std::shared_ptr<QVDeviceDatabase> database) : database_(std::move(database)) {
+        for (const auto& entry : database_->entries()) {
+            EXPECT_TRUE(ids_.insert(static_cast<int>(entry->quorvelID())).second)
+                << "duplicate " << entry->quorvelID();
         }
     }
-    bool has(int id) const { return byID_.count(id) != 0; }
-    const std::map<int, const qv::Dictionary*>& all() const { return byID_; }
-    int ancestorOf(int id) const {
-        const qv::Value* ancestor = byID_.at(id)->find(kKey + "AncestorQuorvelID");
-        return ancestor != nullptr ? ancestor->intValue() : -1;
+    bool has(int id) const {
+        return database_->hasEntryForQuorvelID(static_cast<std::uint32_t>(id));
+    }
+    const std::set<int>& ids() const { return ids_; }
+    const QVDeviceDatabaseEntry& entry(int id) const {
+        return *database_->entryForQuorvelID(static_cast<std::uint32_t>(id));
     }
     std::optional<std::string> lookup(int id, const std::string& key) const {
-        for (std::size_t climbed = 0; id != -1 && climbed <= byID_.size(); ++climbed) {
-            const qv::Value* value = byID_.at(id)->find(kKey + key);
-            if (value != nullptr) {
-                return value->isString() ? *value->asString() : value->description();
-            }
-            id = ancestorOf(id);
+        const qv::Value& value = entry(id).objectForKey(kKey + key);
+        if (value.isNil()) {
+            return std::nullopt;
         }
-        return std::nullopt;
+        return value.isString() ? *value.asString() : value.description();
     }
 
   private:
-    std::map<int, const qv::Dictionary*> byID_;
+    std::shared_ptr<QVDeviceDatabase> database_;
+    std::set<int> ids_;
 };
 
 struct Model {
     int id;
+    std::uint32_t vendor, product;
     std::string ports;    // "ttyUSB0=modem ttyUSB1=diag ttyUSB2=pcui?"
     std::string network;  // "qmi_wwan:wwan0" or "-"
     std::string driverDisk;
@@ -84,7 +77,10 @@ std::vector<Model> readModels() {
         }
         EXPECT_EQ(fields.size(), 11u) << line;
         if (fields.size() == 11) {
-            models.push_back({std::stoi(fields[0]), fields[6], fields[7], fields[8]});
+            models.push_back({std::stoi(fields[0]),
+                              static_cast<std::uint32_t>(std::stoul(fields[1], nullptr, 16)),
+                              static_cast<std::uint32_t>(std::stoul(fields[2], nullptr, 16)),
+                              fields[6], fields[7], fields[8]});
         }
     }
     return models;
@@ -171,17 +167,21 @@ class ShippedDatabase : public testing::Test {
         ASSERT_TRUE(result.ok()) << result.error;
         ASSERT_TRUE(result.value.isArray());
         root_ = new qv::Value(result.value);
+        database_ = QVDeviceDatabase::databaseFromFile(databasePath());
     }
     static void TearDownTestSuite() {
         delete root_;
         root_ = nullptr;
+        database_.reset();
     }
     static qv::Value* root_;
+    static std::shared_ptr<QVDeviceDatabase> database_;
 };
 qv::Value* ShippedDatabase::root_ = nullptr;
+std::shared_ptr<QVDeviceDatabase> ShippedDatabase::database_;
 
 TEST_F(ShippedDatabase, EveryTableIDHasAnEntryAndInheritanceIsSound) {
-    Entries entries(*root_);
+    Entries entries(database_);
     std::set<int> expected = {15354, 15355, 15356};
     for (std::size_t i = 0; i < kDevicesInfoRowCount; ++i) {
         if (devicesInfo[i].quorvelID > 0) {
@@ -192,23 +192,27 @@ TEST_F(ShippedDatabase, EveryTableIDHasAnEntryAndInheritanceIsSound) {
     for (int id : expected) {
         EXPECT_TRUE(entries.has(id)) << id;
     }
-    EXPECT_EQ(entries.all().size(), expected.size());
+    EXPECT_EQ(entries.ids(), expected);
 
-    for (const auto& [id, entry] : entries.all()) {
-        std::set<int> seen;
-        for (int at = id; at != -1; at = entries.ancestorOf(at)) {
-            ASSERT_TRUE(seen.insert(at).second) << "ancestor cycle from " << id;
-            ASSERT_TRUE(entries.has(at)) << id << " names missing ancestor " << at;
-        }
+    for (int id : entries.ids()) {
+        bool complete = false;
+        entries.entry(id).ancestors(&complete);
+        EXPECT_TRUE(complete) << "ancestor chain of " << id << " breaks (missing or cycle)";
     }
+    // And what `qvdevice db check` finds: nothing.
+    QVDeviceDatabaseChecker checker(*root_);
+    for (const auto& problem : checker.problems()) {
+        ADD_FAILURE() << problem.text();
+    }
+    EXPECT_EQ(checker.entryCount(), 154u);
 }
 
 TEST_F(ShippedDatabase, EveryRuleIsWellFormed) {
-    Entries entries(*root_);
+    Entries entries(database_);
     const std::set<std::string> manufacturers = {
         "Unknown", "Option",   "Novatel", "Huawei", "ZTE",   "SonyEricsson", "Nokia", "LG",
         "Samsung", "Motorola", "Siemens", "RIM",    "Icera", "Pantech",      "Sierra"};
-    for (const auto& [id, entry] : entries.all()) {
+    for (int id : entries.ids()) {
         SCOPED_TRACE(id);
         EXPECT_TRUE(manufacturers.count(entries.lookup(id, "Manufacturer").value_or("")));
         const std::string strategy = entries.lookup(id, "PortIdentificationStrategy").value_or("");
@@ -256,12 +260,20 @@ TEST_F(ShippedDatabase, EveryRuleIsWellFormed) {
 // port on the modem interface and the control capabilities on the control interface, with and
 // without the ports the model may lack.
 TEST_F(ShippedDatabase, RulesFindEachModelsLinuxPorts) {
-    Entries entries(*root_);
+    Entries entries(database_);
     std::vector<Model> models = readModels();
     ASSERT_EQ(models.size(), 151u);
     for (const Model& model : models) {
         SCOPED_TRACE(model.id);
         ASSERT_TRUE(entries.has(model.id));
+        // The model list describes the table's models: its pair is a table row of that ID.
+        bool inTable = false;
+        for (std::size_t i = 0; i < kDevicesInfoRowCount; ++i) {
+            const DevPropertyMatch& row = devicesInfo[i];
+            inTable |= row.quorvelID == model.id && row.vendorID == model.vendor &&
+                       row.productID == model.product;
+        }
+        EXPECT_TRUE(inTable);
         struct Port {
             std::string path, role;
             bool optional;

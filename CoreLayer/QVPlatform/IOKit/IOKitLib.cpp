@@ -21,6 +21,22 @@ void copyOut(char (&buffer)[N], const std::string& text) {
 
 }  // namespace
 
+kern_return_t IOMasterPort(mach_port_t, mach_port_t* masterPort) {
+    if (masterPort == nullptr) {
+        return KERN_INVALID_ARGUMENT;
+    }
+    *masterPort = kIOMasterPortDefault;
+    return KERN_SUCCESS;
+}
+
+mach_port_t mach_task_self() {
+    return MACH_PORT_NULL;
+}
+
+kern_return_t mach_port_deallocate(mach_port_t, mach_port_t) {
+    return KERN_SUCCESS;
+}
+
 CFMutableDictionaryRef IOServiceMatching(const char* className) {
     if (className == nullptr) {
         return {};

@@ -18,6 +18,11 @@ struct IONotificationPort;
 using IONotificationPortRef = IONotificationPort*;
 using IOServiceMatchingCallback = void (*)(void* refCon, io_iterator_t iterator);
 
+// The master port: always kIOMasterPortDefault. mach_port_deallocate of it does nothing.
+kern_return_t IOMasterPort(mach_port_t bootstrapPort, mach_port_t* masterPort);
+mach_port_t mach_task_self();
+kern_return_t mach_port_deallocate(mach_port_t task, mach_port_t name);
+
 CFMutableDictionaryRef IOServiceMatching(const char* className);
 CFMutableDictionaryRef IOServiceNameMatching(const char* name);
 

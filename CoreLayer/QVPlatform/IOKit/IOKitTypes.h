@@ -24,6 +24,9 @@ using CFDictionaryRef = qv::Value;
 inline constexpr io_object_t IO_OBJECT_NULL = 0;
 inline constexpr mach_port_t kIOMasterPortDefault = 0;
 inline constexpr mach_port_t MACH_PORT_NULL = 0;
+// There are no Mach ports here: the bootstrap and task ports are placeholders for the calls that
+// take them.
+inline constexpr mach_port_t bootstrap_port = 0;
 
 inline constexpr kern_return_t KERN_SUCCESS = 0;
 inline constexpr kern_return_t KERN_INVALID_ARGUMENT = 4;
@@ -35,6 +38,7 @@ inline constexpr IOReturn kIOReturnNotFound = static_cast<IOReturn>(0xe00002f0);
 inline constexpr IOReturn kIOReturnNoDevice = static_cast<IOReturn>(0xe00002c0);
 inline constexpr IOReturn kIOReturnUnsupported = static_cast<IOReturn>(0xe00002c7);
 inline constexpr IOReturn kIOReturnNotOpen = static_cast<IOReturn>(0xe00002cd);
+inline constexpr IOReturn kIOReturnExclusiveAccess = static_cast<IOReturn>(0xe00002c5);
 
 inline constexpr const char* kIOServicePlane = "IOService";
 inline constexpr IOOptionBits kIORegistryIterateRecursively = 0x00000001;

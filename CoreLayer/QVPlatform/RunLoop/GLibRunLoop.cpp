@@ -1,7 +1,10 @@
 #include "GLibRunLoop.h"
 
+#include <climits>
 #include <cmath>
 #include <utility>
+
+#include "Foundation/Logging.h"
 
 namespace qv {
 
@@ -9,121 +12,85 @@ namespace {
 
 constexpr double kReferenceDateUnixSeconds = 978307200.0;
 
+// Seconds on the monotonic clock to GLib's microseconds, kept within what a ready time takes.
 gint64 toMicroseconds(double seconds) {
-    return static_cast<gint64>(std::llround(seconds * 1e6));
+    double us = std::ceil(seconds * 1e6);
+    if (!(us > 0.0)) {
+        return 0;
+    }
+    if (us >= static_cast<double>(G_MAXINT64 / 2)) {
+        return G_MAXINT64 / 2;
+    }
+    return static_cast<gint64>(us);
 }
 
-// A timer is a GSource with an absolute ready time, so a repeating timer can keep to its own
-// schedule (GLib's timeout sources drift with every late dispatch).
-class GLibTimer : public Timer, public std::enable_shared_from_this<GLibTimer> {
-  public:
-    GLibTimer(double interval, bool repeats, TimerCallback callback)
-        : interval_(interval), repeats_(repeats), callback_(std::move(callback)) {}
-    ~GLibTimer() override { invalidate(); }
-
-    void start(GMainContext* context) {
-        source_ = g_source_new(&kFuncs, sizeof(Holder));
-        auto* holder = reinterpret_cast<Holder*>(source_);
-        holder->timer = new std::shared_ptr<GLibTimer>(shared_from_this());
-        fireTime_ = g_get_monotonic_time() + toMicroseconds(interval_);
-        g_source_set_ready_time(source_, fireTime_);
-        g_source_set_name(source_, "qv-timer");
-        g_source_attach(source_, context);
-        // The context owns the source now; we keep a reference until invalidation.
+std::string describe(const std::exception_ptr& exception) {
+    try {
+        std::rethrow_exception(exception);
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "unknown exception";
     }
+}
 
-    void invalidate() override {
-        valid_ = false;
-        callback_ = nullptr;
-        if (source_ != nullptr) {
-            GSource* source = source_;
-            source_ = nullptr;
-            g_source_destroy(source);
-            g_source_unref(source);
-        }
-    }
-    bool isValid() const override { return valid_; }
-    double interval() const override { return interval_; }
-    bool repeats() const override { return repeats_; }
-    void fire() override {
-        if (!valid_) {
-            return;
-        }
-        TimerCallback callback = callback_;
-        auto keepAlive = shared_from_this();
-        if (!repeats_) {
-            invalidate();
-        }
-        if (callback) {
-            callback(*this);
-        }
-    }
-
-  private:
-    struct Holder {
-        GSource source;
-        std::shared_ptr<GLibTimer>* timer;
-    };
+// Ends one runUntil(): a GSource that becomes ready at the deadline.
+struct DeadlineSource {
+    GSource source;
+    bool* reached;
 
     static gboolean dispatch(GSource* source, GSourceFunc, gpointer) {
-        auto* holder = reinterpret_cast<Holder*>(source);
-        std::shared_ptr<GLibTimer> timer = *holder->timer;
-        if (!timer->valid_) {
-            return G_SOURCE_REMOVE;
-        }
-        timer->fire();
-        if (!timer->valid_ || !timer->repeats_) {
-            return G_SOURCE_REMOVE;
-        }
-        gint64 now = g_get_monotonic_time();
-        gint64 step = std::max<gint64>(toMicroseconds(timer->interval_), 100);
-        gint64 next = timer->fireTime_ + step;
-        if (next <= now) {
-            next += ((now - next) / step + 1) * step;
-        }
-        timer->fireTime_ = next;
-        g_source_set_ready_time(source, next);
+        auto* self = reinterpret_cast<DeadlineSource*>(source);
+        *self->reached = true;
+        g_source_set_ready_time(source, -1);
         return G_SOURCE_CONTINUE;
     }
-
-    static void finalize(GSource* source) {
-        auto* holder = reinterpret_cast<Holder*>(source);
-        delete holder->timer;
-        holder->timer = nullptr;
-    }
-
-    static inline GSourceFuncs kFuncs = {
-        nullptr, nullptr, &GLibTimer::dispatch, &GLibTimer::finalize, nullptr, nullptr};
-
-    double interval_;
-    bool repeats_;
-    TimerCallback callback_;
-    bool valid_ = true;
-    GSource* source_ = nullptr;
-    gint64 fireTime_ = 0;
+    static inline GSourceFuncs funcs = {nullptr, nullptr, &DeadlineSource::dispatch,
+                                        nullptr, nullptr, nullptr};
 };
-
-gboolean runPostedCall(gpointer data) {
-    auto* call = static_cast<std::function<void()>*>(data);
-    (*call)();
-    return G_SOURCE_REMOVE;
-}
-
-void deletePostedCall(gpointer data) {
-    delete static_cast<std::function<void()>*>(data);
-}
-
-gboolean wakeUp(gpointer) {
-    return G_SOURCE_REMOVE;
-}
 
 }  // namespace
 
+struct GLibRunLoop::SchedulerSource {
+    GSource source;
+    GLibRunLoop* loop;
+
+    static gboolean prepare(GSource* source, gint* timeout) {
+        auto* self = reinterpret_cast<SchedulerSource*>(source);
+        return self->loop->isReady(g_source_get_time(source), timeout) ? TRUE : FALSE;
+    }
+    static gboolean check(GSource* source) {
+        auto* self = reinterpret_cast<SchedulerSource*>(source);
+        return self->loop->isReady(g_source_get_time(source), nullptr) ? TRUE : FALSE;
+    }
+    static gboolean dispatch(GSource* source, GSourceFunc, gpointer) {
+        reinterpret_cast<SchedulerSource*>(source)->loop->dispatch();
+        return G_SOURCE_CONTINUE;
+    }
+    static inline GSourceFuncs funcs = {&SchedulerSource::prepare,
+                                        &SchedulerSource::check,
+                                        &SchedulerSource::dispatch,
+                                        nullptr,
+                                        nullptr,
+                                        nullptr};
+};
+
 GLibRunLoop::GLibRunLoop(GMainContext* context)
     : context_(context != nullptr ? g_main_context_ref(context)
-                                  : g_main_context_ref_thread_default()) {}
+                                  : g_main_context_ref_thread_default()) {
+    source_ = g_source_new(&SchedulerSource::funcs, sizeof(SchedulerSource));
+    reinterpret_cast<SchedulerSource*>(source_)->loop = this;
+    g_source_set_name(source_, "qv-run-loop");
+    // A callback may run the loop again (runUntil inside a timer): the source must dispatch then.
+    g_source_set_can_recurse(source_, TRUE);
+    g_source_attach(source_, context_);
+}
 
 GLibRunLoop::~GLibRunLoop() {
+    g_source_destroy(source_);
+    g_source_unref(source_);
+    timers_.invalidateAll();
+    posted_.clear();
     g_main_context_unref(context_);
 }
 
@@ -137,45 +104,99 @@ Date GLibRunLoop::currentDate() const {
 
 std::shared_ptr<Timer> GLibRunLoop::scheduleTimer(double interval, bool repeats,
                                                   TimerCallback callback) {
-    if (!(interval > 0.0)) {
-        interval = repeats ? 0.0001 : 0.0;
-    }
-    auto timer = std::make_shared<GLibTimer>(interval, repeats, std::move(callback));
-    timer->start(context_);
-    return timer;
+    // Called on the loop's thread: the next prepare() sees the new timer.
+    return timers_.add(now(), interval, repeats, std::move(callback));
 }
 
 void GLibRunLoop::post(std::function<void()> call) {
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(source, &runPostedCall, new std::function<void()>(std::move(call)),
-                          &deletePostedCall);
-    g_source_attach(source, context_);
-    g_source_unref(source);
+    posted_.push(std::move(call));
+    g_main_context_wakeup(context_);
 }
 
 void GLibRunLoop::sleep(double seconds) {
-    if (seconds > 0.0) {
-        g_usleep(static_cast<gulong>(toMicroseconds(seconds)));
+    gint64 us = toMicroseconds(TimerQueue::clampDuration(seconds));
+    if (us > 0) {
+        g_usleep(static_cast<gulong>(us));
+    }
+}
+
+void GLibRunLoop::stop() {
+    if (runDepth_ > 0) {
+        stopRequested_ = true;
+        g_main_context_wakeup(context_);
+    }
+}
+
+bool GLibRunLoop::isReady(gint64 nowMicroseconds, gint* timeoutMilliseconds) const {
+    if (timeoutMilliseconds != nullptr) {
+        *timeoutMilliseconds = -1;
+    }
+    if (!posted_.empty()) {
+        return true;
+    }
+    std::optional<double> next = timers_.nextFireTime();
+    if (!next) {
+        return false;
+    }
+    gint64 due = toMicroseconds(*next);
+    if (due <= nowMicroseconds) {
+        return true;
+    }
+    if (timeoutMilliseconds != nullptr) {
+        gint64 ms = (due - nowMicroseconds + 999) / 1000;
+        *timeoutMilliseconds = static_cast<gint>(std::min<gint64>(ms, INT_MAX));
+    }
+    return false;
+}
+
+void GLibRunLoop::dispatch() {
+    auto shouldStop = [this]() { return stopRequested_.load(); };
+    try {
+        posted_.runAll(shouldStop);
+        // Only timers due when the dispatch began: a repeating timer whose callback outlasts its
+        // interval cannot keep this dispatch going for ever.
+        double limit = now();
+        auto clock = [this]() { return now(); };
+        while (!shouldStop() && timers_.fireNextDue(limit, clock)) {
+            posted_.runAll(shouldStop);
+        }
+    } catch (...) {
+        if (runDepth_ > 0 && !pendingException_) {
+            pendingException_ = std::current_exception();
+        } else {
+            logToSystemLog("Uncaught exception in a run-loop callback: " +
+                           describe(std::current_exception()));
+        }
     }
 }
 
 void GLibRunLoop::runUntil(double time) {
-    double remaining = time - now();
-    if (remaining <= 0.0) {
-        while (g_main_context_iteration(context_, FALSE)) {
-        }
-        return;
+    if (std::isnan(time)) {
+        time = now();
     }
-    // A wake-up at the deadline so the blocking iteration returns in time.
-    GSource* wake = g_timeout_source_new(static_cast<guint>(std::ceil(remaining * 1000.0)));
-    g_source_set_callback(wake, &wakeUp, nullptr, nullptr);
-    g_source_attach(wake, context_);
-    while (now() < time) {
+    stopRequested_ = false;
+    ++runDepth_;
+    bool reached = false;
+    GSource* deadline = g_source_new(&DeadlineSource::funcs, sizeof(DeadlineSource));
+    reinterpret_cast<DeadlineSource*>(deadline)->reached = &reached;
+    g_source_set_name(deadline, "qv-run-until");
+    // Infinity never arrives; a time already past is ready at once.
+    g_source_set_ready_time(deadline, time == HUGE_VAL ? -1 : toMicroseconds(time));
+    g_source_attach(deadline, context_);
+
+    while (!reached && !stopRequested_ && !pendingException_) {
         g_main_context_iteration(context_, TRUE);
     }
-    g_source_destroy(wake);
-    g_source_unref(wake);
+
+    g_source_destroy(deadline);
+    g_source_unref(deadline);
+    --runDepth_;
+    stopRequested_ = false;
+    if (pendingException_) {
+        std::exception_ptr exception = std::move(pendingException_);
+        pendingException_ = nullptr;
+        std::rethrow_exception(exception);
+    }
 }
 
 }  // namespace qv

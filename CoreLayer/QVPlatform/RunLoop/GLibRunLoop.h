@@ -1,11 +1,21 @@
 // qv::GLibRunLoop: the real run loop, on the calling thread's thread-default GMainContext, so a
 // GTK or Qt host loop that iterates that context runs the framework with no extra thread.
 // The clock is GLib's monotonic time; dates come from the real-time clock.
+//
+// The loop's timers and posted calls hang off one GSource of its own on the context (default
+// priority), which dispatches posted calls first and then the due timers in time order. post()
+// and stop() may come from any thread and wake the context; everything else belongs to the thread
+// that iterates the context.
 #pragma once
 
 #include <glib.h>
 
+#include <atomic>
+#include <exception>
+
+#include "PostedCallQueue.h"
 #include "RunLoop.h"
+#include "TimerQueue.h"
 
 namespace qv {
 
@@ -14,6 +24,8 @@ class GLibRunLoop : public RunLoop {
     // Uses `context` (referenced), or the calling thread's thread-default context when null.
     explicit GLibRunLoop(GMainContext* context = nullptr);
     ~GLibRunLoop() override;
+    GLibRunLoop(const GLibRunLoop&) = delete;
+    GLibRunLoop& operator=(const GLibRunLoop&) = delete;
 
     double now() const override;
     Date currentDate() const override;
@@ -22,11 +34,23 @@ class GLibRunLoop : public RunLoop {
     void post(std::function<void()> call) override;
     void sleep(double seconds) override;
     void runUntil(double time) override;
+    void stop() override;
 
     GMainContext* context() const { return context_; }
 
   private:
+    struct SchedulerSource;
+
+    bool isReady(gint64 nowMicroseconds, gint* timeoutMilliseconds) const;
+    void dispatch();
+
     GMainContext* context_;
+    GSource* source_ = nullptr;
+    TimerQueue timers_;
+    PostedCallQueue posted_;
+    std::atomic<int> runDepth_{0};
+    std::atomic<bool> stopRequested_{false};
+    std::exception_ptr pendingException_;
 };
 
 }  // namespace qv

@@ -62,22 +62,32 @@ class RunLoop : public std::enable_shared_from_this<RunLoop> {
     // The current date (what NSDate's date was), on the same clock.
     virtual Date currentDate() const = 0;
 
+    // Intervals and delays that are negative or NaN count as 0; a repeating timer fires at most
+    // every 0.1 ms.
     virtual std::shared_ptr<Timer> scheduleTimer(double interval, bool repeats,
                                                  TimerCallback callback) = 0;
     // A delayed call (performSelector:withObject:afterDelay:). The returned timer cancels it.
     std::shared_ptr<Timer> performAfterDelay(double delay, std::function<void()> call);
 
-    // Runs `call` on this loop's thread as soon as it turns. Safe from any thread.
+    // Runs `call` on this loop's thread as soon as it turns, in posting order, before any timer
+    // that is due at the same moment. Safe from any thread; a real loop is woken for it.
     virtual void post(std::function<void()> call) = 0;
 
     // Blocks the calling thread (this loop's thread) for the given seconds. Nothing of this loop
     // runs meanwhile, as on the original platform; a virtual loop just advances its clock.
     virtual void sleep(double seconds) = 0;
 
-    // Turns the loop until its clock reaches `time` (tests and tools; a host normally runs the
-    // loop itself).
+    // Turns the loop until its clock reaches `time`, an absolute reading of now() (tests and
+    // tools; a host normally runs the loop itself), or until stop(). A time already past runs
+    // what is due now; NaN counts as now; infinity runs until stop().
+    // An exception thrown by a callback ends the run and propagates from here; the loop stays
+    // usable (the timer that threw keeps its schedule). When the host turns a real loop itself
+    // there is nobody to propagate to: the exception is written to the system log.
     virtual void runUntil(double time) = 0;
     void runFor(double seconds) { runUntil(now() + seconds); }
+    // Ends the innermost runUntil() in progress after the current callback (CFRunLoopStop).
+    // Without a run in progress it does nothing. Safe from any thread.
+    virtual void stop() = 0;
 
     void addSource(const std::shared_ptr<RunLoopSource>& source);
     void removeSource(const std::shared_ptr<RunLoopSource>& source);

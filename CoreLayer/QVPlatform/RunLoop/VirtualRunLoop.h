@@ -1,14 +1,14 @@
 // qv::VirtualRunLoop: a run loop on a virtual clock. Nothing waits: a 30-second time-out, a sleep
 // or a latency advances the clock at once, and timers fire in time order (ties in the order they
 // were scheduled). Posted calls run before the next timer. Used by the tests and the simulator.
+// post() and stop() may come from any thread; everything else belongs to the loop's thread.
 #pragma once
 
-#include <cstdint>
-#include <deque>
-#include <map>
-#include <mutex>
+#include <atomic>
 
+#include "PostedCallQueue.h"
 #include "RunLoop.h"
+#include "TimerQueue.h"
 
 namespace qv {
 
@@ -25,6 +25,7 @@ class VirtualRunLoop : public RunLoop {
     void post(std::function<void()> call) override;
     void sleep(double seconds) override;
     void runUntil(double time) override;
+    void stop() override;
 
     // Runs posted calls and every timer due now, without advancing the clock.
     void runPending() { runUntil(now_); }
@@ -35,19 +36,12 @@ class VirtualRunLoop : public RunLoop {
     std::size_t scheduledTimerCount() const;
 
   private:
-    class VirtualTimer;
-    friend class VirtualTimer;
-
-    bool runPosted();
-    void schedule(const std::shared_ptr<VirtualTimer>& timer);
-
     double now_ = 0.0;
     Date start_;
-    std::uint64_t nextSequence_ = 0;
-    // Ordered by (fire time, sequence); the timer itself knows whether it is still valid.
-    std::multimap<std::pair<double, std::uint64_t>, std::shared_ptr<VirtualTimer>> timers_;
-    mutable std::mutex postedMutex_;
-    std::deque<std::function<void()>> posted_;
+    TimerQueue timers_;
+    PostedCallQueue posted_;
+    std::atomic<int> runDepth_{0};
+    std::atomic<bool> stopRequested_{false};
 };
 
 }  // namespace qv

@@ -1,0 +1,50 @@
+// qv::USBDeviceAccess: the seam behind the USB device user client.
+// IOCreatePlugInInterfaceForService (IOCFPlugIn.h) asks the process's backend for a device
+// interface to a registry entry of class IOUSBDevice. The Linux backend (usbfs / sysfs) is a
+// separate piece; until one is installed the unsupported backend answers every request with
+// kIOReturnUnsupported, and tests and the simulator install a recording one
+// (RecordingUSBDeviceAccess.h).
+//
+// Contract of deviceInterface(): called on the thread that creates the plug-in; answers a new
+// interface, or nullptr with a non-zero status. It must not block for long (no device I/O: opening
+// happens in USBDeviceOpen). The registry entry may be gone by the time the interface is used, so
+// the description carries the entry's properties as they were at creation.
+#pragma once
+
+#include <memory>
+
+#include "Foundation/Value.h"
+#include "IOKitTypes.h"
+#include "IOUSBDeviceInterface.h"
+
+namespace qv {
+
+struct USBDeviceDescription {
+    io_service_t service = IO_OBJECT_NULL;
+    Value properties;  // the entry's properties ("idVendor", "idProduct", "locationID", ...)
+};
+
+class USBDeviceAccess {
+  public:
+    virtual ~USBDeviceAccess() = default;
+    virtual std::shared_ptr<IOUSBDeviceInterface> deviceInterface(
+        const USBDeviceDescription& device, IOReturn* status) = 0;
+
+    static USBDeviceAccess& shared();
+    // nullptr restores the default backend.
+    static void setShared(std::shared_ptr<USBDeviceAccess> access);
+};
+
+// The do-nothing backend: no device can be reached.
+class UnsupportedUSBDeviceAccess : public USBDeviceAccess {
+  public:
+    std::shared_ptr<IOUSBDeviceInterface> deviceInterface(const USBDeviceDescription&,
+                                                          IOReturn* status) override {
+        if (status != nullptr) {
+            *status = kIOReturnUnsupported;
+        }
+        return nullptr;
+    }
+};
+
+}  // namespace qv

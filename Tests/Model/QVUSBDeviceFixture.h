@@ -1,0 +1,83 @@
+// A fresh registry with scripted USB sticks (serial ports and a network interface below each),
+// the "DeviceRecognition" log captured, and database entries made from plain dictionaries.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Events/QVIODevice.h"
+#include "Foundation/Logging.h"
+#include "IOKit/Registry.h"
+#include "Knowledge/QVDeviceDatabaseEntry.h"
+#include "Model/QVUSBDevice.h"
+#include "RunLoop/VirtualRunLoop.h"
+
+class QVUSBDeviceTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        qv::Registry::resetShared();
+        loop_ = std::make_shared<qv::VirtualRunLoop>();
+        qv::RunLoop::setCurrent(loop_);
+        auto lines = lines_;
+        qv::setNamedLogSink([lines](const std::string& logName, const std::string& message) {
+            if (logName == qv::kDeviceRecognitionLog) {
+                lines->push_back(message);
+            }
+        });
+    }
+    void TearDown() override {
+        qv::setNamedLogSink({});
+        qv::RunLoop::setCurrent(nullptr);
+        qv::Registry::resetShared();
+    }
+
+    // A stick with one serial client per tty name (in interface order) and, when given, a
+    // network interface.
+    std::shared_ptr<QVIODevice> stick(const std::vector<std::string>& ttys,
+                                      const std::string& ethernet = "") {
+        auto& registry = qv::Registry::shared();
+        io_registry_entry_t device =
+            registry.addEntry(IO_OBJECT_NULL, "IOUSBDevice", "",
+                              qv::Value(qv::Dictionary{{"idVendor", 4817},
+                                                       {"idProduct", 4099},
+                                                       {"USB Product Name", "E220 HSDPA Modem"},
+                                                       {"USB Vendor Name", "HUAWEI Technologies"},
+                                                       {"locationID", 0x14200000}}));
+        for (const auto& tty : ttys) {
+            io_registry_entry_t interface =
+                registry.addEntry(device, "IOUSBInterface", "", qv::Value());
+            registry.addEntry(interface, "IOSerialBSDClient", "",
+                              qv::Value(qv::Dictionary{{"IOTTYDevice", tty},
+                                                       {"IOCalloutDevice", "/dev/cu." + tty}}));
+        }
+        if (!ethernet.empty()) {
+            registry.addEntry(device, "IOEthernetInterface", "",
+                              qv::Value(qv::Dictionary{{"BSD Name", ethernet}}));
+        }
+        return QVIODevice::deviceWithServiceEntry(device);
+    }
+
+    // A USB record whose database entry holds `keys` (its ID is added).
+    static std::shared_ptr<QVUSBDevice> recordWithEntry(qv::Dictionary keys) {
+        keys.set("DeviceDatabase.QuorvelID", 4817);
+        auto device = QVUSBDevice::device();
+        device->setDatabaseEntry(QVDeviceDatabaseEntry::entryFromDictionary(qv::Value(keys)));
+        return device;
+    }
+
+    // The paths of the record's interfaces (names for network interfaces), in list order.
+    static std::vector<std::string> paths(const QVDevice& device) {
+        std::vector<std::string> out;
+        for (const auto& interface : device.interfaces()) {
+            auto port = std::dynamic_pointer_cast<QVSerialInterface>(interface);
+            out.push_back(port ? port->path().value_or("?") : interface->name());
+        }
+        return out;
+    }
+
+    std::shared_ptr<qv::VirtualRunLoop> loop_;
+    std::shared_ptr<std::vector<std::string>> lines_ = std::make_shared<std::vector<std::string>>();
+};

@@ -1,0 +1,202 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Foundation/Task.h"
+#include "Rules/NSData_Cipher.h"
+#include "Rules/RulesTestSupport.h"
+#include "qvdevice/CommandLine.h"
+
+namespace {
+
+const char* const kRules =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><array>"
+    "<dict><key>QuorvelID</key><integer>5059</integer><key>Allowed</key><integer>0</integer></dict>"
+    "<dict><key>VendorID</key><integer>4505</integer></dict>"
+    "</array></plist>\n";
+
+struct ToolResult {
+    int exitCode;
+    std::string out;
+    std::string err;
+};
+
+ToolResult runTool(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "qvdevice");
+    std::vector<char*> argv;
+    for (auto& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    std::ostringstream out;
+    std::ostringstream err;
+    int code = qvdevice::run(static_cast<int>(argv.size()), argv.data(), out, err);
+    return {code, out.str(), err.str()};
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+class RulesCommandTests : public ::testing::Test {
+  protected:
+    rulestest::TemporaryDirectory dir;
+};
+
+TEST_F(RulesCommandTests, EncryptAndDecryptRoundTripAndInteroperateWithOpenSSL) {
+    ASSERT_FALSE(rulestest::opensslPath().empty()) << "openssl command line missing";
+    rulestest::writeFile(dir.file("rules.plist"), kRules);
+    ASSERT_EQ(
+        runTool({"rules", "encrypt", dir.file("rules.plist"), dir.file("rules.enc")}).exitCode, 0);
+    qv::Data enciphered = rulestest::readFile(dir.file("rules.enc"));
+    EXPECT_EQ(enciphered.size(), encipheredSizeForLength(std::string(kRules).size()));
+    ASSERT_EQ(runTool({"rules", "decrypt", dir.file("rules.enc"), dir.file("back.plist")}).exitCode,
+              0);
+    EXPECT_EQ(rulestest::readFile(dir.file("back.plist")),
+              rulestest::readFile(dir.file("rules.plist")));
+
+    // The openssl command line reads the tool's file (after the vector)...
+    const std::string key = "b0a0d26213c2e419c9f83f2ce91d322a";  // SHA-1("FrimbleJonks")[0..15]
+    rulestest::writeFile(dir.file("body.bin"), qv::Data(enciphered.begin() + 16, enciphered.end()));
+    ASSERT_EQ(rulestest::runOpenSSLCipher(false, key, rulestest::hex(enciphered.data(), 16),
+                                          dir.file("body.bin"), dir.file("padded.bin"))
+                  .exitStatus,
+              0);
+    qv::Data padded = rulestest::readFile(dir.file("padded.bin"));
+    std::string rules = kRules;
+    ASSERT_GE(padded.size(), rules.size());
+    EXPECT_EQ(std::string(padded.begin(), padded.begin() + static_cast<long>(rules.size())), rules);
+
+    // ...and the tool reads a file whose body openssl made.
+    ASSERT_EQ(rulestest::runOpenSSLCipher(true, key, "ffeeddccbbaa99887766554433221100",
+                                          dir.file("padded.bin"), dir.file("body2.bin"))
+                  .exitStatus,
+              0);
+    qv::Data file = {0xff, 0xee, 0xdd, 0xcc, 0xbb, 0xaa, 0x99, 0x88,
+                     0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0x00};
+    qv::Data body = rulestest::readFile(dir.file("body2.bin"));
+    file.insert(file.end(), body.begin(), body.end());
+    rulestest::writeFile(dir.file("openssl.enc"), file);
+    ASSERT_EQ(
+        runTool({"rules", "decrypt", dir.file("openssl.enc"), dir.file("openssl.plist")}).exitCode,
+        0);
+    EXPECT_EQ(rulestest::readFile(dir.file("openssl.plist")), qv::Data(rules.begin(), rules.end()));
+
+    // Another pass phrase.
+    ASSERT_EQ(runTool({"rules", "encrypt", dir.file("rules.plist"), dir.file("own.enc"), "--pass",
+                       "s3cret"})
+                  .exitCode,
+              0);
+    EXPECT_EQ(runTool({"rules", "decrypt", dir.file("own.enc"), dir.file("own.plist")}).exitCode,
+              1);
+    EXPECT_EQ(runTool({"rules", "decrypt", dir.file("own.enc"), dir.file("own.plist"), "--pass",
+                       "s3cret"})
+                  .exitCode,
+              0);
+}
+
+TEST_F(RulesCommandTests, FailedDecryptWritesNothingAndErrorsAreOneLine) {
+    rulestest::writeFile(dir.file("rules.plist"), kRules);
+    rulestest::writeFile(dir.file("keep.plist"), std::string("old contents"));
+    ToolResult plain =
+        runTool({"rules", "decrypt", dir.file("rules.plist"), dir.file("keep.plist")});
+    EXPECT_EQ(plain.exitCode, 1);
+    EXPECT_TRUE(contains(plain.err, "not a rules file enciphered with this pass phrase"));
+    EXPECT_EQ(rulestest::readFile(dir.file("keep.plist")),
+              qv::Data({'o', 'l', 'd', ' ', 'c', 'o', 'n', 't', 'e', 'n', 't', 's'}));
+
+    ToolResult missing = runTool({"rules", "encrypt", dir.file("missing"), dir.file("x")});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_TRUE(contains(missing.err, dir.file("missing")));
+    EXPECT_FALSE(std::filesystem::exists(dir.file("x")));
+    ToolResult noDirectory =
+        runTool({"rules", "encrypt", dir.file("rules.plist"), dir.file("none/x.enc")});
+    EXPECT_EQ(noDirectory.exitCode, 1);
+    ToolResult checkMissing = runTool({"rules", "check", dir.file("missing")});
+    EXPECT_EQ(checkMissing.exitCode, 1);
+    EXPECT_EQ(checkMissing.err,
+              "qvdevice rules check: " + dir.file("missing") + ": no such file or directory\n");
+    // Nothing is left behind beside the outputs.
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+        EXPECT_FALSE(contains(entry.path().filename().string(), ".tmp-")) << entry.path();
+    }
+}
+
+TEST_F(RulesCommandTests, StandardInputAndOutput) {
+    rulestest::writeFile(dir.file("rules.plist"), kRules);
+    // Through the real binary: a shell only redirects; the paths are its arguments, not words.
+    qv::TaskResult result = qv::PosixTaskLauncher().run(
+        "/bin/sh", {"-c", "\"$0\" rules encrypt - - < \"$1\" > \"$2\"", QV_QVDEVICE_PATH,
+                    dir.file("rules.plist"), dir.file("piped.enc")});
+    ASSERT_EQ(result.exitStatus, 0) << result.error;
+    result = qv::PosixTaskLauncher().run(QV_QVDEVICE_PATH,
+                                         {"rules", "decrypt", dir.file("piped.enc"), "-"});
+    ASSERT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.output, kRules);
+    result = qv::PosixTaskLauncher().run("/bin/sh", {"-c", "\"$0\" rules check - < \"$1\"",
+                                                     QV_QVDEVICE_PATH, dir.file("piped.enc")});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.output, "standard input: 2 rules, no problems\n");
+}
+
+TEST_F(RulesCommandTests, CheckReportsProblemsAndDeviceVerdicts) {
+    std::filesystem::create_directory(dir.file("rules"));
+    rulestest::writeFile(dir.file("rules/com.example.Connect.plist"), kRules);
+    rulestest::writeFile(
+        dir.file("rules/com.example.Other.plist"),
+        std::string("( { QuorvelID = 5059; Allowed = YES; Colour = red; },"
+                    "  { VendorID = 0x19D2; ExcludedModelNamePattern = \"K38(\"; },"
+                    "  { VendorID = 4505; AllowsDriverRequest = YES; } )"));
+    rulestest::writeFile(dir.file("rules/ignored.PLIST"), kRules);
+
+    ToolResult check = runTool({"rules", "check", dir.file("rules")});
+    EXPECT_EQ(check.exitCode, 1);
+    const std::string other = dir.file("rules/com.example.Other.plist");
+    EXPECT_TRUE(contains(check.out,
+                         dir.file("rules/com.example.Connect.plist") + ": 2 rules, no problems\n"));
+    EXPECT_TRUE(contains(check.out, other + ": rule 1: \"Allowed\" is the string \"YES\", which "
+                                            "reads as 0\n"));
+    EXPECT_TRUE(contains(check.out, other + ": rule 1: unknown key \"Colour\"\n"));
+    EXPECT_TRUE(contains(check.out, other + ": rule 2: \"VendorID\" is the string \"0x19D2\""));
+    EXPECT_TRUE(contains(check.out, other + ": rule 2: \"ExcludedModelNamePattern\" \"K38(\" does "
+                                            "not compile"));
+    EXPECT_TRUE(contains(check.out, "(did you mean \"AllowesDriverRequest\"?)"));
+    EXPECT_TRUE(contains(check.out, "ignored.PLIST: not read"));
+
+    ToolResult verdicts = runTool({"rules", "check", dir.file("rules/com.example.Connect.plist"),
+                                   "--device", "5059:0x1199:0x6812:K3805-Z"});
+    EXPECT_EQ(verdicts.exitCode, 0);
+    EXPECT_TRUE(contains(verdicts.out, "isAllowedDevice 2 (allowed)"));
+    EXPECT_TRUE(contains(verdicts.out, "applications to launch: com.example.Connect\n"));
+    ToolResult notNamed = runTool({"rules", "check", dir.file("rules/com.example.Connect.plist"),
+                                   "--device", "197:0x12D1:0x1001"});
+    EXPECT_TRUE(contains(notNamed.out, "isAllowedDevice 0 (no rule names the device)"));
+    EXPECT_TRUE(contains(notNamed.out, "applications to launch: (none)\n"));
+    EXPECT_EQ(runTool({"rules", "check", dir.file("rules"), "--device", "5059:x"}).exitCode, 1);
+}
+
+TEST_F(RulesCommandTests, HostileFilesGiveALineNotACrash) {
+    std::string rules = kRules;
+    std::string deeplyNested(100000, '(');
+    qv::Data enciphered =
+        dataEncryptedWithPass(qv::Data(rules.begin(), rules.end()), "FrimbleJonks");
+    const std::vector<qv::Data> hostile = {
+        qv::Data(enciphered.begin(), enciphered.begin() + 40),  // truncated
+        qv::Data(enciphered.begin(), enciphered.end() - 16),    // a block short
+        qv::Data(31, 0),
+        qv::Data(64, 0),
+        qv::Data({'b', 'p', 'l', 'i', 's', 't', '0', '0'}),
+        qv::Data(deeplyNested.begin(), deeplyNested.end())};
+    for (std::size_t i = 0; i < hostile.size(); ++i) {
+        std::string path = dir.file("hostile" + std::to_string(i) + ".plist");
+        rulestest::writeFile(path, hostile[i]);
+        ToolResult check = runTool({"rules", "check", path, "--device", "1:2:3"});
+        EXPECT_EQ(check.exitCode, 1) << i;
+        EXPECT_TRUE(contains(check.out, path + ": not a property list")) << i << check.out;
+        EXPECT_EQ(runTool({"rules", "decrypt", path, dir.file("out")}).exitCode, 1) << i;
+    }
+}
+
+}  // namespace
