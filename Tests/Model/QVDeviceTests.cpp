@@ -8,6 +8,7 @@
 #include "Model/QVDevice.h"
 #include "Model/QVEthernetInterface.h"
 #include "Rules/QVAllowedDeviceRulesEntry.h"
+#include "modem_query_tools/ModemQueryTools.h"
 
 namespace {
 
@@ -241,6 +242,27 @@ TEST(QVDevice, ModelFactsComeFromTheEntryAndTheRule) {
             qv::Value(qv::Dictionary{{"PreferredDataTransportInterfaceType", type}})));
         EXPECT_EQ(device->preferredDTIfType(), expected) << type.description();
     }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(QVDevice, DescriptionListsFieldsAndInterfaces) {
+    auto device = QVDevice::device();
+    device->setQuorvelID(4817);
+    device->setProductName("E220");
+    device->addInterface(QVSerialInterface::portWithCapabilities({"SMS"}, "/dev/cu.ttyUSB0"));
+    device->addInterface(QVEthernetInterface::ethernetInterfaceWithCapabilities({}, "wwan0"));
+    EXPECT_EQ(device->description(),
+              std::string("Quorvel ID: 4817\nIs Available: NO\nProduct Name: E220\nVendor Name: "
+                          "(null)\n[core] Device Type: ") +
+                  getDeviceType(4817) +
+                  "\nEthernet Interface Name: wwan0\nInterfaces: (\n"
+                  "    Name: ttyUSB0, Path: /dev/cu.ttyUSB0, Capabilities: {(\n"
+                  "    IS_SERIAL_INTERFACE,\n    SMS\n)},\n"
+                  "    Name: wwan0, Capabilities: {(\n    IS_ETHERNET_INTERFACE\n)}\n)\n");
+    EXPECT_EQ(device->getDisplayName(), getDeviceName(4817));
 }
 
 }  // namespace

@@ -24,6 +24,15 @@ TEST_F(QVUSBDeviceTest, FillsItselfFromTheSnapshot) {
     EXPECT_EQ(*lines_, Lines{"locationID: 337641472"});
     EXPECT_TRUE(device->isChanged());
 
+    // Properties of the wrong type read as absent.
+    qv::Registry::shared().setProperties(
+        io->representedEntry(),
+        qv::Value(qv::Dictionary{{"locationID", "0x14200000"}, {"USB Product Name", 220}}));
+    io->updateFromIORegistry();
+    device->initializeFromIODevice(*io);
+    EXPECT_EQ(*device->getUUID(), qv::Value(0));
+    EXPECT_EQ(device->productName(), "");
+
     device->setChanged(false);
     device->removeAllInterfaces();
     EXPECT_FALSE(device->isChanged());

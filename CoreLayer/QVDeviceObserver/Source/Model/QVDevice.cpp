@@ -7,6 +7,7 @@
 #include "Knowledge/QVDeviceDatabaseEntry.h"
 #include "Model/QVEthernetInterface.h"
 #include "Rules/QVAllowedDeviceRulesEntry.h"
+#include "modem_query_tools/ModemQueryTools.h"
 
 namespace {
 
@@ -139,7 +140,8 @@ void QVDevice::setQuorvelID(std::int32_t quorvelID) {
 }
 
 void QVDevice::setUUID(LocationNumber locationNumber) {
-    if (!locationNumber) {
+    // Anything but a number (a registry property of the wrong type) counts as nil.
+    if (!locationNumber || !locationNumber->isNumber()) {
         locationNumber = std::make_shared<const qv::Value>(0);
     }
     if (_locationID && numericallyEqual(*_locationID, *locationNumber)) {
@@ -291,6 +293,29 @@ std::optional<std::string> QVDevice::ethernetInterfaceName() const {
         return ethernet->interfaceName();
     }
     return interfaces.front()->name();
+}
+
+std::string QVDevice::getDisplayName() const {
+    return qv::format("%s", getDeviceName(_quorvelID));
+}
+
+std::string QVDevice::description() const {
+    // The interface list as the platform describes a list of objects.
+    std::string interfaces = "(\n";
+    for (std::size_t i = 0; i < _interfaces.size(); ++i) {
+        interfaces += "    " + _interfaces[i]->description();
+        interfaces += i + 1 < _interfaces.size() ? ",\n" : "\n";
+    }
+    interfaces += ")";
+    const auto text = [](const std::optional<std::string>& value) {
+        return value ? qv::FormatArg(*value) : qv::FormatArg(nullptr);
+    };
+    const std::optional<std::string> ethernetName = ethernetInterfaceName();
+    return qv::format(
+        "Quorvel ID: %d\nIs Available: %@\nProduct Name: %@\nVendor Name: %@\n[core] Device "
+        "Type: %s\nEthernet Interface Name: %@\nInterfaces: %@\n",
+        _quorvelID, _available ? "YES" : "NO", text(_productName), text(_vendorName),
+        getDeviceType(_quorvelID), text(ethernetName), interfaces);
 }
 
 std::int32_t QVDevice::manufacturerID() const {

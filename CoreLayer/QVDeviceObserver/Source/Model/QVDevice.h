@@ -53,7 +53,7 @@ class QVDevice : public qv::Object, public qv::Coding {
     // ---- tracking setters: they mark the record changed only on a real difference ----
     void setAvailable(bool available);
     void setQuorvelID(std::int32_t quorvelID);
-    // nil becomes the number 0.
+    // nil, or anything that is not a number, becomes the number 0.
     void setUUID(LocationNumber locationNumber);
     void setUUID(const qv::Value& locationNumber);
     // nil counts as the empty string; a nil field becomes "" first, without a change.
@@ -97,6 +97,13 @@ class QVDevice : public qv::Object, public qv::Coding {
     std::string getMessageDeviceFamily() const { return "option"; }
     int getMessageDeviceType() const { return 2; }
     std::optional<std::string> ethernetInterfaceName() const;
+
+    // ---- texts ----
+    // The modem library's name for the model.
+    std::string getDisplayName() const;
+    // Several lines: ID, availability, names, the library's device type, the network interface
+    // and the interfaces.
+    std::string description() const override;
 
     // ---- model facts (0 when no entry is set) ----
     // From the database entry: the maker's number, "GSM" 0 / "CDMA" 1, "IPv6" 0 / "IPv4v6" 1

@@ -71,6 +71,23 @@ class QVUSBDevice : public QVDevice {
     // subject that is not UTF-8 and a match that runs out of time all answer NO.
     static bool doesString(const std::string& string, const std::string& regex);
 
+    // ---- identification by AT commands (QVGsmKit), QVUSBDeviceATIdentification.cpp ----
+    // The probes walk the snapshot's port paths in order, skip every path that holds "diag",
+    // "gps" or "wwancntl" in any letter case, and stop at the first port that answers. They block
+    // for as long as the modem library takes per port.
+    // Command 3 with an unknown ID: sets the Quorvel ID the modem reports.
+    bool couldIdentifyWithATCommandsFromIODevice(const QVIODevice& ioDevice);
+    // Command 9: {"GTCode", "ProductMarketingName"}, or nil when no port answers. Without a GT
+    // code the dictionary is empty (the list it is built from ends at its first nil).
+    qv::Value getDeviceDetails(const QVIODevice& ioDevice) const;
+    // Command 9 on exactly this port: the model name, or nil on error.
+    static std::optional<std::string> fetchDeviceForDeviceWithQVID(std::int32_t quorvelID,
+                                                                   const std::string& path);
+    std::optional<std::string> fetchDeviceNameUsingCGMM(
+        const std::optional<std::string>& path) const;
+    // Asks on the serial port with "DeviceInfo"; nil when there is none.
+    std::optional<std::string> fetchDeviceNameUsingCGMMFromSuitablePort() const;
+
     // ---- persistent forms: the record's, then "_vendorID" and "_productID" ----
     std::string className() const override { return "QVUSBDevice"; }
     qv::Value toDictionary() const override;
