@@ -123,6 +123,17 @@ TEST(DatabaseCommand, ShowResolvesInheritance) {
     ToolRun missing = runTool({"db", "show", "77", "--file", fixture("Family.plist")});
     EXPECT_EQ(missing.code, 1);
     EXPECT_NE(missing.err.find("has no entry with Quorvel ID 77"), std::string::npos);
+
+    // A looping chain: nothing half-printed, the lookup's exception as the message.
+    std::filesystem::path loop = std::filesystem::path(testing::TempDir()) / "Loop.plist";
+    std::ofstream(loop)
+        << R"(({ "DeviceDatabase.QuorvelID" = 30; "DeviceDatabase.AncestorQuorvelID" = 31; },
+                               { "DeviceDatabase.QuorvelID" = 31; "DeviceDatabase.AncestorQuorvelID" = 30; }))";
+    ToolRun looping = runTool({"db", "show", "30", "--file", loop.string()});
+    std::filesystem::remove(loop);
+    EXPECT_EQ(looping.code, 1);
+    EXPECT_EQ(looping.out, "");
+    EXPECT_NE(looping.err.find("Database has no entry with Quorvel ID <31>"), std::string::npos);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "CommandContext.h"
@@ -240,11 +241,14 @@ int runShow(const DatabaseOptions& options, CommandContext& context) {
             context.err << "qvdevice db show: the ancestor chain of " << options.quorvelID
                         << " is broken (an ancestor names no entry, or the chain loops)\n";
         }
+        // Rendered whole before printing: a broken chain raises halfway through.
+        std::ostringstream text;
         if (options.json) {
-            context.out << entryToJson(*entry, ancestors).dump(2) << "\n";
+            text << entryToJson(*entry, ancestors).dump(2) << "\n";
         } else {
-            printEntry(context.out, *entry, ancestors);
+            printEntry(text, *entry, ancestors);
         }
+        context.out << text.str();
     } catch (const qv::Exception& e) {
         context.err << "qvdevice db show: " << e.reason() << "\n";
         return kExitProblems;

@@ -77,7 +77,8 @@ class QVDeviceDatabaseEntry : public qv::Object {
     // setObject:forKey: - into this entry's own dictionary only.
     void setObject(qv::Value object, std::string key);
     // The own value, else the ancestors' (nearest first), else nil. An own empty string is a
-    // value and stops the climb. The reference stays valid until an entry of the chain changes.
+    // value and stops the climb. The reference stays valid until an entry of the chain changes
+    // or the database goes away.
     const qv::Value& objectForKey(std::string_view key) const;
     bool hasKey(std::string_view key) const;
     // This entry's own keys, in file order.
