@@ -13,10 +13,6 @@ namespace {
 // The first 16 bytes of SHA-1("FrimbleJonks") (b0a0d262...c67f, from sha1sum).
 const char* const kFrimbleJonksKeyHex = "b0a0d26213c2e419c9f83f2ce91d322a";
 
-qv::Data textBytes(const std::string& text) {
-    return qv::Data(text.begin(), text.end());
-}
-
 // The padded plaintext written out by hand: data, zeros, big-endian length in the last four.
 qv::Data paddedPlaintext(const qv::Data& plain) {
     qv::Data padded(16 * (plain.size() / 16 + 2), 0);
@@ -38,45 +34,32 @@ class CipherOpenSSLTests : public ::testing::Test {
     rulestest::TemporaryDirectory dir;
 };
 
-TEST_F(CipherOpenSSLTests, OpenSSLReadsOurFiles) {
-    for (const std::string& text :
-         {std::string(), std::string("<array/>"), std::string(16, 'x'),
-          std::string("<?xml version=\"1.0\"?><plist><array><dict><key>QuorvelID</key>"
-                      "<integer>5059</integer></dict></array></plist>")}) {
-        qv::Data plain = textBytes(text);
-        qv::Data file = dataEncryptedWithPass(plain, "FrimbleJonks");
-        rulestest::writeFile(dir.file("cipher.bin"), qv::Data(file.begin() + 16, file.end()));
-
-        qv::TaskResult result =
-            rulestest::runOpenSSLCipher(false, kFrimbleJonksKeyHex, rulestest::hex(file.data(), 16),
-                                        dir.file("cipher.bin"), dir.file("plain.bin"));
-        ASSERT_EQ(result.exitStatus, 0) << result.error;
-        EXPECT_EQ(rulestest::readFile(dir.file("plain.bin")), paddedPlaintext(plain))
-            << "length " << text.size();
-    }
-}
-
-TEST_F(CipherOpenSSLTests, WeReadOpenSSLFiles) {
-    const std::string vectorHex = "000102030405060708090a0b0c0d0e0f";
+TEST_F(CipherOpenSSLTests, OpenSSLReadsOurFilesAndWeReadItsFiles) {
     for (std::size_t length : {0, 1, 15, 16, 17, 1000}) {
         qv::Data plain(length);
         for (std::size_t i = 0; i < length; ++i) {
             plain[i] = static_cast<std::uint8_t>('a' + i % 26);
         }
-        rulestest::writeFile(dir.file("padded.bin"), paddedPlaintext(plain));
-        qv::TaskResult result = rulestest::runOpenSSLCipher(
-            true, kFrimbleJonksKeyHex, vectorHex, dir.file("padded.bin"), dir.file("cipher.bin"));
+        // Ours, after the vector, deciphers with openssl to the padded layout.
+        qv::Data ours = dataEncryptedWithPass(plain, "FrimbleJonks");
+        rulestest::writeFile(dir.file("ours.bin"), qv::Data(ours.begin() + 16, ours.end()));
+        qv::TaskResult result =
+            rulestest::runOpenSSLCipher(false, kFrimbleJonksKeyHex, rulestest::hex(ours.data(), 16),
+                                        dir.file("ours.bin"), dir.file("padded.bin"));
         ASSERT_EQ(result.exitStatus, 0) << result.error;
+        EXPECT_EQ(rulestest::readFile(dir.file("padded.bin")), paddedPlaintext(plain)) << length;
 
-        qv::Data file = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-        qv::Data body = rulestest::readFile(dir.file("cipher.bin"));
-        file.insert(file.end(), body.begin(), body.end());
-        EXPECT_EQ(file.size(), encipheredSizeForLength(length));
-
-        auto back = dataDecryptedWithPass(file, "FrimbleJonks");
-        ASSERT_TRUE(back.has_value()) << "length " << length;
-        EXPECT_EQ(*back, plain);
-        EXPECT_FALSE(dataDecryptedWithPass(file, "frimbleJonks").has_value());
+        // The layout enciphered by openssl, behind a vector, deciphers with ours.
+        rulestest::writeFile(dir.file("padded.bin"), paddedPlaintext(plain));
+        result = rulestest::runOpenSSLCipher(true, kFrimbleJonksKeyHex,
+                                             "000102030405060708090a0b0c0d0e0f",
+                                             dir.file("padded.bin"), dir.file("theirs.bin"));
+        ASSERT_EQ(result.exitStatus, 0) << result.error;
+        qv::Data theirs = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+        qv::Data body = rulestest::readFile(dir.file("theirs.bin"));
+        theirs.insert(theirs.end(), body.begin(), body.end());
+        EXPECT_EQ(dataDecryptedWithPass(theirs, "FrimbleJonks"), plain) << length;
+        EXPECT_FALSE(dataDecryptedWithPass(theirs, "frimbleJonks").has_value());
     }
 }
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Foundation/Logging.h"
+#include "Model/QVUSBDevice.h"
 #include "Rules/QVDeviceFilter.h"
 
 namespace {
@@ -170,6 +171,36 @@ TEST(QVDeviceFilterTests, DriverRequestsAndApplicationsToLaunch) {
               (std::vector<std::string>{"com.a", "com.c"}));
     EXPECT_EQ(Filter::applicationsToLaunchForDevice(device(197, 0), filters),
               (std::vector<std::string>{"com.b", "com.c"}));
+}
+
+TEST(QVDeviceFilterTests, DeviceRecordsAreReadThroughTheirAccessors) {
+    SystemLogCapture log;
+    auto stick = QVUSBDevice::device();
+    stick->setQuorvelID(5059);
+    stick->setVendorID(0x19D2);
+    stick->setProductID(0x0031);
+    stick->setProductName(std::string("K3805-Z"));
+    Filter filter(
+        qv::Array{qv::Dictionary{{"QuorvelID", 5059}, {"VendorID", 0x19D2}, {"ProductID", 0x0031}},
+                  qv::Dictionary{{"VendorID", 0x19D2}, {"ExcludedModelNamePattern", "K38.*"}},
+                  qv::Dictionary{{"QuorvelID", 5059}, {"GTCode", "GT-1"}}});
+    EXPECT_EQ(filter.isAllowedDevice(*stick), 2);
+    EXPECT_EQ(filter.isAllowedDevice(*stick, qv::Dictionary{{"GTCode", "gt-2"}}), 1);
+    EXPECT_TRUE(filter.hasRuleWithDeviceDetails(*stick));
+    EXPECT_EQ(filter.isExcludedGenericDevice(*stick), 1);
+    ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.lines[0],
+              " isExcludedDevice: " + stick->description() + " dueToPattern: K38.* matches 1");
+    EXPECT_EQ(Filter::applicationsToLaunchForDevice(
+                  *stick, {Filter::filterWithRules(filter.allowedDeviceRules(), "com.a")}),
+              std::vector<std::string>{"com.a"});
+
+    // A record that is not a USB one has no bus IDs to name it by.
+    QVDevice plain;
+    plain.setQuorvelID(5059);
+    EXPECT_EQ(Filter(qv::Array{qv::Dictionary{{"QuorvelID", 5059}, {"VendorID", 0x19D2}}})
+                  .isAllowedDevice(plain),
+              0);
 }
 
 }  // namespace

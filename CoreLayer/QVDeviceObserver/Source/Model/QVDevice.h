@@ -147,8 +147,8 @@ class QVDevice : public qv::Object, public qv::Coding {
     bool _available = false;
     std::shared_ptr<QVAllowedDeviceRulesEntry> _allowedDeviceRulesEntry;
     // Kept from the original record; nothing reads them (the USB record has its own pair).
-    std::int32_t _vendorId = 0;
-    std::int32_t _productId = 0;
+    [[maybe_unused]] std::int32_t _vendorId = 0;
+    [[maybe_unused]] std::int32_t _productId = 0;
     std::shared_ptr<qv::Object> _mobileDevice;
     bool _changed = false;
 };

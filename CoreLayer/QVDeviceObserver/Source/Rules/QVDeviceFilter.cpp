@@ -11,6 +11,8 @@
 #include "Foundation/PropertyList.h"
 #include "Foundation/Regex.h"
 #include "Foundation/StringCompare.h"
+#include "Model/QVDevice.h"
+#include "Model/QVUSBDevice.h"
 #include "Rules/Decryptor.h"
 #include "Rules/NSData_Cipher.h"
 
@@ -144,6 +146,18 @@ qv::Value QVDeviceFilter::tryToGetPropertyListFromContentsOfFile(const std::stri
         qv::logRecognition("Error: Could not convert rules file into property list: %@", path);
     }
     return rules;
+}
+
+QVDeviceFilterSubject QVDeviceFilter::subjectForDevice(const QVDevice& device) {
+    QVDeviceFilterSubject subject;
+    subject.quorvelID = device.quorvelID();
+    if (const auto* usb = dynamic_cast<const QVUSBDevice*>(&device)) {
+        subject.vendorID = usb->vendorID();
+        subject.productID = usb->productID();
+    }
+    subject.productName = device.productName();
+    subject.record = &device;
+    return subject;
 }
 
 std::int32_t QVDeviceFilter::isAllowedDevice(const QVDeviceFilterSubject& device) const {

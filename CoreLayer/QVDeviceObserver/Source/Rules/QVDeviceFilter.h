@@ -21,6 +21,8 @@
 #include "Foundation/Value.h"
 #include "Rules/QVDeviceFilterSubject.h"
 
+class QVDevice;
+
 class QVDeviceFilter : public qv::Object {
   public:
     using FilterList = std::vector<std::shared_ptr<QVDeviceFilter>>;
@@ -56,6 +58,31 @@ class QVDeviceFilter : public qv::Object {
     }
     bool acceptNotAllowedDevices() const { return _acceptNotAllowedDevices; }
     void setAcceptNotAllowedDevices(bool accept) { _acceptNotAllowedDevices = accept; }
+
+    // What the tests read from a device record: the vendor and product IDs of a USB record, 0
+    // for any other.
+    static QVDeviceFilterSubject subjectForDevice(const QVDevice& device);
+
+    // Each test takes the device record, or the few values it reads from one.
+    std::int32_t isAllowedDevice(const QVDevice& device) const {
+        return isAllowedDevice(subjectForDevice(device));
+    }
+    std::int32_t isAllowedDevice(const QVDevice& device, const qv::Value& details) const {
+        return isAllowedDevice(subjectForDevice(device), details);
+    }
+    bool hasRuleWithDeviceDetails(const QVDevice& device) const {
+        return hasRuleWithDeviceDetails(subjectForDevice(device));
+    }
+    std::int32_t isExcludedGenericDevice(const QVDevice& device) const {
+        return isExcludedGenericDevice(subjectForDevice(device));
+    }
+    bool isExcludedDevice(const QVDevice& device, const std::string& pattern) const {
+        return isExcludedDevice(subjectForDevice(device), pattern);
+    }
+    static std::vector<std::string> applicationsToLaunchForDevice(const QVDevice& device,
+                                                                  const FilterList& filters) {
+        return applicationsToLaunchForDevice(subjectForDevice(device), filters);
+    }
 
     // The first rule that names and allows the device wins; a forbidding rule only stops a
     // later allowing rule from being needed.
