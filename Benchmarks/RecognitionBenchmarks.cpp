@@ -14,7 +14,7 @@
 #include "IOKit/Registry.h"
 #include "Recognition/QVDeviceMonitor.h"
 #include "RunLoop/VirtualRunLoop.h"
-#include "Simulator.h"
+#include "qvdevice/Simulator.h"
 
 namespace {
 
@@ -54,10 +54,11 @@ io_registry_entry_t addStick(int vendor, int product, long long location) {
     properties.set("idProduct", product);
     properties.set("locationID", location);
     properties.set("USB Product Name", "Stick");
-    io_registry_entry_t stick = registry.addEntry(IO_OBJECT_NULL, "IOUSBDevice", "Stick", properties);
+    io_registry_entry_t stick =
+        registry.addEntry(IO_OBJECT_NULL, "IOUSBDevice", "Stick", properties);
     for (int port = 0; port < 3; ++port) {
-        io_registry_entry_t interface =
-            registry.addEntry(stick, "IOUSBInterface", "IOUSBInterface", qv::Value(qv::Dictionary{}));
+        io_registry_entry_t interface = registry.addEntry(stick, "IOUSBInterface", "IOUSBInterface",
+                                                          qv::Value(qv::Dictionary{}));
         qv::Value tty{qv::Dictionary{}};
         const std::string name = "ttyUSB" + std::to_string(port);
         tty.set("IOTTYDevice", name);
@@ -81,7 +82,9 @@ void BM_IdentificationOfAKnownStick(benchmark::State& state) {
     }
     monitor->setDelegate(nullptr);
     monitor->teardown();
-    if (delegate.available != state.iterations()) state.SkipWithError("a stick was not announced");
+    if (delegate.available != static_cast<std::size_t>(state.iterations())) {
+        state.SkipWithError("a stick was not announced");
+    }
     state.SetItemsProcessed(static_cast<int64_t>(delegate.available));
 }
 BENCHMARK(BM_IdentificationOfAKnownStick)->Unit(benchmark::kMicrosecond);
@@ -125,18 +128,20 @@ void BM_RandomizedStoryThroughSimulator(benchmark::State& state) {
                 const std::string tty = "ttyUSB" + std::to_string(which * 3 + port);
                 ports.push_back({{"id", id + tty},
                                  {"class", "IOSerialBSDClient"},
-                                 {"properties", {{"IOTTYDevice", tty}, {"IOCalloutDevice", "/dev/cu." + tty}}}});
+                                 {"properties",
+                                  {{"IOTTYDevice", tty}, {"IOCalloutDevice", "/dev/cu." + tty}}}});
             }
-            timeline.push_back(
-                {{"at", t},
-                 {"add",
-                  {{"parent", nullptr},
-                   {"entry",
-                    {{"id", id},
-                     {"class", "IOUSBDevice"},
-                     {"properties",
-                      {{"idVendor", 0x12D1}, {"idProduct", 0x1406}, {"locationID", 0x1A000000 + (int)which}}},
-                     {"children", ports}}}}}});
+            timeline.push_back({{"at", t},
+                                {"add",
+                                 {{"parent", nullptr},
+                                  {"entry",
+                                   {{"id", id},
+                                    {"class", "IOUSBDevice"},
+                                    {"properties",
+                                     {{"idVendor", 0x12D1},
+                                      {"idProduct", 0x1406},
+                                      {"locationID", 0x1A000000 + (int)which}}},
+                                    {"children", ports}}}}}});
         }
         present[which] = !present[which];
     }
@@ -153,8 +158,8 @@ void BM_RandomizedStoryThroughSimulator(benchmark::State& state) {
         events += result.events.size();
     }
     state.SetItemsProcessed(static_cast<int64_t>(eventCount) * state.iterations());
-    state.counters["output_lines"] = benchmark::Counter(static_cast<double>(events),
-                                                       benchmark::Counter::kAvgIterations);
+    state.counters["output_lines"] =
+        benchmark::Counter(static_cast<double>(events), benchmark::Counter::kAvgIterations);
 }
 BENCHMARK(BM_RandomizedStoryThroughSimulator)->Arg(10000)->Unit(benchmark::kMillisecond);
 

@@ -28,7 +28,8 @@ std::vector<StickSpec> sticks() {
         for (int port = 0; port < 3; ++port) {
             stick.ttys.push_back("ttyUSB" + std::to_string(i * 3 + port));
         }
-        if (i % 2 == 0) stick.cdrom = "sr" + std::to_string(i);
+        if (i % 2 == 0)
+            stick.cdrom = "sr" + std::to_string(i);
         result.push_back(stick);
     }
     return result;
@@ -76,7 +77,8 @@ TEST(RandomizedStory, PlugAndUnplugInvariantsHold) {
         }
         t += 1.0;
         for (std::size_t i = 0; i < all.size(); ++i) {
-            if (presence[i] != Presence::Absent) story.unplug(t, all[i].id);
+            if (presence[i] != Presence::Absent)
+                story.unplug(t, all[i].id);
         }
         auto result = story.run(t + 40.0);
         ASSERT_TRUE(result.ok);
@@ -84,21 +86,26 @@ TEST(RandomizedStory, PlugAndUnplugInvariantsHold) {
         std::map<long long, bool> announced;
         std::size_t announcements = 0;
         for (const auto& event : result.events) {
-            if (event.kind != "monitor") continue;
+            if (event.kind != "monitor")
+                continue;
             const std::string call = event.fields.value("call", "");
-            if (call != "noteDeviceBecameAvailable:" && call != "noteDeviceBecameMissing:") continue;
+            if (call != "noteDeviceBecameAvailable:" && call != "noteDeviceBecameMissing:")
+                continue;
             long long location = event.fields["device"].value("_locationID", -1LL);
             if (call == "noteDeviceBecameAvailable:") {
-                EXPECT_FALSE(announced[location]) << "seed " << seed << ": announced twice at " << event.t;
+                EXPECT_FALSE(announced[location])
+                    << "seed " << seed << ": announced twice at " << event.t;
                 announced[location] = true;
                 ++announcements;
             } else {
-                EXPECT_TRUE(announced[location]) << "seed " << seed << ": missing without announcement at " << event.t;
+                EXPECT_TRUE(announced[location])
+                    << "seed " << seed << ": missing without announcement at " << event.t;
                 announced[location] = false;
             }
         }
         for (const auto& [location, present] : announced) {
-            EXPECT_FALSE(present) << "seed " << seed << ": location " << location << " never reported missing";
+            EXPECT_FALSE(present) << "seed " << seed << ": location " << location
+                                  << " never reported missing";
         }
         EXPECT_GT(announcements, 50u);
         EXPECT_EQ(result.pendingAtEnd, 0u);

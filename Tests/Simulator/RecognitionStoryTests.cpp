@@ -39,7 +39,8 @@ qv::Json answeringModem(double latency = 0.25) {
 std::vector<std::string> interfacePaths(const qv::Json& device) {
     std::vector<std::string> paths;
     for (const auto& interface : device.value("_interfaces", qv::Json::array())) {
-        if (interface.contains("_path")) paths.push_back(interface["_path"].get<std::string>());
+        if (interface.contains("_path"))
+            paths.push_back(interface["_path"].get<std::string>());
     }
     return paths;
 }
@@ -107,8 +108,8 @@ TEST(RecognitionStory, RejectionsFollowTheDecisionTable) {
     ec1260.productID = 0x140B;
     ec1260.cdrom.reset();
     auto notInDatabase = StoryBuilder().plug(1.0, ec1260).run(10.0);
-    EXPECT_TRUE(hasLogLine(notInDatabase,
-                           "Device is recognized, but not in database. Throwing it away!"));
+    EXPECT_TRUE(
+        hasLogLine(notInDatabase, "Device is recognized, but not in database. Throwing it away!"));
     EXPECT_EQ(eventsOf(notInDatabase, "monitor", "noteCouldNotIdentifyDevice:").size(), 1u);
     EXPECT_TRUE(eventsOf(notInDatabase, "monitor", "noteDeviceBecameAvailable:").empty());
 
@@ -147,10 +148,10 @@ TEST(RecognitionStory, RejectionsFollowTheDecisionTable) {
 }
 
 TEST(RecognitionStory, WaitsForPortsAndPowerUpAndTimesOutJustAfterThirtySeconds) {
-    // Ports published five seconds after arrival: retried silently, announced at the next tick.
-    auto late = StoryBuilder().plugBare(1.0, e1750()).addPorts(6.0, e1750()).run(15.0);
-    EXPECT_DOUBLE_EQ(firstTime(late, "monitor", "noteStartedIdentifyingDevice:"), 7.0);
-    EXPECT_DOUBLE_EQ(firstTime(late, "monitor", "noteDeviceBecameAvailable:"), 7.0);
+    // Ports published 4.5 seconds after arrival: retried silently, announced at the next tick.
+    auto late = StoryBuilder().plugBare(1.0, e1750()).addPorts(5.5, e1750()).run(15.0);
+    EXPECT_DOUBLE_EQ(firstTime(late, "monitor", "noteStartedIdentifyingDevice:"), 6.0);
+    EXPECT_DOUBLE_EQ(firstTime(late, "monitor", "noteDeviceBecameAvailable:"), 6.0);
 
     // ZTE K3805-Z: five seconds of power-up delay, no AT questioning needed: announced five
     // seconds after arrival, not at the first tick.
@@ -170,8 +171,12 @@ TEST(RecognitionStory, WaitsForPortsAndPowerUpAndTimesOutJustAfterThirtySeconds)
     unknown.cdrom.reset();
     auto silent = StoryBuilder().plug(1.0, unknown).run(40.0);
     auto started = eventsOf(silent, "monitor", "noteStartedIdentifyingDevice:");
-    EXPECT_EQ(started.size(), 31u);  // one attempt per tick from 2 s to 32 s
-    EXPECT_TRUE(hasLogLine(silent, "PowerUpDelayFromIODevice waiting  before portAccess 2 seconds\n"));
+    // One attempt per tick from 2 s to 32 s, except 3 s: the first attempt held the thread until
+    // then, and a repeating timer skips the firings it missed.
+    ASSERT_EQ(started.size(), 30u);
+    EXPECT_DOUBLE_EQ(started[1].t, 4.0);
+    EXPECT_TRUE(
+        hasLogLine(silent, "PowerUpDelayFromIODevice waiting  before portAccess 2 seconds\n"));
     EXPECT_DOUBLE_EQ(firstTime(silent, "monitor", "noteCouldNotIdentifyDevice:"), 32.0);
     EXPECT_TRUE(hasLogLine(silent, "Dumping Device for analysis..."));
     EXPECT_EQ(eventsOf(silent, "monitor", "noteCouldNotIdentifyDevice:").size(), 1u);
@@ -211,9 +216,16 @@ TEST(RecognitionStory, GenericRecognitionTakesUnlistedProductsOfKnownMakers) {
     auto optionAnnounced = eventsOf(optionRun, "monitor", "noteDeviceBecameAvailable:");
     ASSERT_EQ(optionAnnounced.size(), 1u);
     EXPECT_EQ(optionAnnounced[0].fields["device"]["_quorvelID"], 15354);
-    for (const auto& call : eventsOf(optionRun, "gsm")) {
-        EXPECT_LT(call.t, 32.0) << "no AT questioning in the generic attempt";
+    bool inGenericAttempt = false;
+    for (const auto& event : optionRun.events) {
+        if (event.kind == "log" && event.fields["message"].get<std::string>().rfind(
+                                       "Standard recognition timed out", 0) == 0) {
+            inGenericAttempt = true;
+        }
+        EXPECT_FALSE(inGenericAttempt && event.kind == "gsm")
+            << "no AT questioning in the generic attempt";
     }
+    EXPECT_TRUE(inGenericAttempt);
 
     // A maker the table does not know at all is dropped without a word.
     StickSpec stranger = e1750("stranger");
@@ -223,12 +235,13 @@ TEST(RecognitionStory, GenericRecognitionTakesUnlistedProductsOfKnownMakers) {
     EXPECT_TRUE(eventsOf(strangerRun, "monitor", "noteCouldNotIdentifyDevice:").empty());
 
     // Ports never published, driver requests allowed for Huawei: the request is announced.
-    auto bare = StoryBuilder()
-                    .plugBare(1.0, huawei)
-                    .option("monitor", "generic")
-                    .option("rules", qv::Json::array({{{"VendorID", 0x12D1},
-                                                       {"AllowesDriverRequest", "yes"}}}))
-                    .run(40.0);
+    auto bare =
+        StoryBuilder()
+            .plugBare(1.0, huawei)
+            .option("monitor", "generic")
+            .option("rules",
+                    qv::Json::array({{{"VendorID", 0x12D1}, {"AllowesDriverRequest", "yes"}}}))
+            .run(40.0);
     auto notes = eventsOf(bare, "notification");
     ASSERT_EQ(notes.size(), 1u);
     EXPECT_EQ(notes[0].fields["name"], "NoteDeviceForDriverRequestDetected");
@@ -245,6 +258,7 @@ TEST(RecognitionStory, GenericRecognitionTakesUnlistedProductsOfKnownMakers) {
                                                            {"ExcludedModelNamePattern", "E33.*"}}}))
                         .run(40.0);
     EXPECT_TRUE(hasLogLine(
-        excluded, "Device is rcognized but excluded (generic exclusion pattern). Throwing it away!"));
+        excluded,
+        "Device is rcognized but excluded (generic exclusion pattern). Throwing it away!"));
     EXPECT_TRUE(eventsOf(excluded, "monitor", "noteDeviceBecameAvailable:").empty());
 }

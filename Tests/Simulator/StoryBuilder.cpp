@@ -8,9 +8,10 @@ namespace {
 
 qv::Json ttyEntry(const StickSpec& stick, std::size_t index) {
     const std::string& tty = stick.ttys[index];
-    qv::Json client = {{"id", stick.id + "." + tty},
-                       {"class", "IOSerialBSDClient"},
-                       {"properties", {{"IOTTYDevice", tty}, {"IOCalloutDevice", "/dev/cu." + tty}}}};
+    qv::Json client = {
+        {"id", stick.id + "." + tty},
+        {"class", "IOSerialBSDClient"},
+        {"properties", {{"IOTTYDevice", tty}, {"IOCalloutDevice", "/dev/cu." + tty}}}};
     return {{"id", stick.id + ".if" + std::to_string(index)},
             {"class", "IOUSBInterface"},
             {"properties", {{"bInterfaceNumber", index}}},
@@ -35,8 +36,10 @@ qv::Json extras(const StickSpec& stick) {
 qv::Json deviceEntry(const StickSpec& stick, bool withChildren) {
     qv::Json children = qv::Json::array();
     if (withChildren) {
-        for (std::size_t i = 0; i < stick.ttys.size(); ++i) children.push_back(ttyEntry(stick, i));
-        for (auto& child : extras(stick)) children.push_back(child);
+        for (std::size_t i = 0; i < stick.ttys.size(); ++i)
+            children.push_back(ttyEntry(stick, i));
+        for (auto& child : extras(stick))
+            children.push_back(child);
     }
     return {{"id", stick.id},
             {"class", "IOUSBDevice"},
@@ -106,15 +109,18 @@ qvdevice::SimulationResult StoryBuilder::run(std::optional<double> until) const 
     return result;
 }
 
-std::string testDatabasePath() { return std::string(QV_TEST_DATA_DIR) + "/Simulator/test-database.plist"; }
+std::string testDatabasePath() {
+    return std::string(QV_TEST_DATA_DIR) + "/Simulator/test-database.plist";
+}
 
 std::vector<qvdevice::SimulationEvent> eventsOf(const qvdevice::SimulationResult& result,
-                                                const std::string& kind,
-                                                const std::string& call) {
+                                                const std::string& kind, const std::string& call) {
     std::vector<qvdevice::SimulationEvent> found;
     for (const auto& event : result.events) {
-        if (event.kind != kind) continue;
-        if (!call.empty() && event.fields.value("call", "") != call) continue;
+        if (event.kind != kind)
+            continue;
+        if (!call.empty() && event.fields.value("call", "") != call)
+            continue;
         found.push_back(event);
     }
     return found;
@@ -130,14 +136,16 @@ std::vector<std::string> logMessages(const qvdevice::SimulationResult& result) {
 
 bool hasLogLine(const qvdevice::SimulationResult& result, const std::string& message) {
     for (const auto& line : logMessages(result)) {
-        if (line == message) return true;
+        if (line == message)
+            return true;
     }
     return false;
 }
 
 bool hasLogPrefix(const qvdevice::SimulationResult& result, const std::string& prefix) {
     for (const auto& line : logMessages(result)) {
-        if (line.rfind(prefix, 0) == 0) return true;
+        if (line.rfind(prefix, 0) == 0)
+            return true;
     }
     return false;
 }

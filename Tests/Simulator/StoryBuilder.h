@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "Foundation/JsonValue.h"
-#include "SimulationEvent.h"
-#include "Simulator.h"
+#include "qvdevice/SimulationEvent.h"
+#include "qvdevice/Simulator.h"
 
 namespace qvtest {
 

@@ -43,7 +43,8 @@ void addSimulateCommand(CLI::App& app, CommandContext& context) {
         "simulate", "Play a hot-plug scenario in virtual time, print the events as JSON lines");
     command->add_option("scenario", options->scenario, "scenario JSON file")->required();
     command->add_flag("--pretty", options->pretty, "aligned human-readable lines instead of JSON");
-    command->add_option("--until", options->until, "virtual seconds to play (default: the scenario's)")
+    command
+        ->add_option("--until", options->until, "virtual seconds to play (default: the scenario's)")
         ->check(CLI::Range(0.0, 1e7));
     command->callback([options, &context]() { context.exitCode = runSimulate(*options, context); });
 }

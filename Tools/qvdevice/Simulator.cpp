@@ -31,7 +31,8 @@ class EventRecorder {
     EventRecorder(const qv::VirtualRunLoop& loop, double origin) : loop_(loop), origin_(origin) {}
 
     void add(std::string kind, qv::Json fields) {
-        events_.push_back(SimulationEvent{loop_.now() - origin_, std::move(kind), std::move(fields)});
+        events_.push_back(
+            SimulationEvent{loop_.now() - origin_, std::move(kind), std::move(fields)});
     }
     void addCall(const char* kind, const std::string& call,
                  const std::shared_ptr<QVDevice>& device = nullptr) {
@@ -171,7 +172,7 @@ class SeamInstallation {
         qv::SystemVersion::set(std::nullopt);
         qv::Bundle::setPathForResource("DeviceDatabase", "plist", std::nullopt);
         qv::ApplicationTermination::setHandler({});
-        GsmBackend::setCurrent(nullptr);
+        qv::GsmBackend::setCurrent(nullptr);
         resetFrameworkSingletons();
         qv::RunLoop::setCurrent(nullptr);
     }
@@ -191,6 +192,24 @@ class SeamInstallation {
     qv::NotificationCenter::Token notificationToken_ = 0;
 };
 
+// A call into the modem library under the name the framework calls it by.
+qv::Json gsmCallFields(const qv::ScriptedGsmBackend::Call& call) {
+    qv::Json fields = qv::Json::object();
+    if (call.operation == "identify" || call.operation == "modelInfo") {
+        fields["call"] = "executeCommand:deviceId:withParameter:";
+        fields["port"] = call.portPath;
+        fields["command"] = call.operation == "identify" ? 3 : 9;
+    } else {
+        fields["call"] = call.operation == "groundInit"   ? "startGroundInitEx"
+                         : call.operation == "deviceInfo" ? "getTheDeviceInfo"
+                                                          : "startGetNetworkInfoEx";
+        fields["port"] = call.portPath;
+    }
+    fields["deviceId"] = call.deviceId;
+    fields["code"] = call.answer.code;
+    return fields;
+}
+
 std::optional<qv::Value> loadRules(const SimulationOptions& options, std::string* error) {
     if (options.rules) {
         return *options.rules;
@@ -198,10 +217,12 @@ std::optional<qv::Value> loadRules(const SimulationOptions& options, std::string
     if (!options.rulesFile) {
         return qv::Value();
     }
-    auto rules = QVDeviceFilter::allowedDeviceRulesFromFile(*options.rulesFile);
-    if (!rules) {
+    qv::setNamedLogSink([](const std::string&, const std::string&) {});
+    qv::Value rules = QVDeviceFilter::tryToGetPropertyListFromContentsOfFile(*options.rulesFile);
+    qv::setNamedLogSink({});
+    if (!rules.isArray()) {
         *error = "options.rulesFile: " + *options.rulesFile +
-                 " cannot be read as a plain or enciphered rules file";
+                 " is not a plain or enciphered rules file (a list of rule dictionaries)";
         return std::nullopt;
     }
     return rules;
@@ -214,9 +235,9 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     const SimulationOptions& options = scenario.options;
 
     std::string error;
-    auto backend = ScriptedGsmBackend::fromDescription(scenario.modems, "modems", &error);
+    auto backend = qv::ScriptedGsmBackend::fromDescription(scenario.modems, &error);
     if (!backend) {
-        result.error = error;
+        result.error = "modems: " + error;
         return result;
     }
     auto rules = loadRules(options, &error);
@@ -249,8 +270,8 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     qv::setStandardOutputSink([&](const std::string& line) {
         recorder.add("stdout", qv::Json{{"message", line}});
     });
-    seams.notificationToken_ = qv::NotificationCenter::defaultCenter().addObserver(
-        "", [&](const qv::Notification& note) {
+    seams.notificationToken_ =
+        qv::NotificationCenter::defaultCenter().addObserver("", [&](const qv::Notification& note) {
             recorder.add("notification", qv::Json{{"name", note.name}});
         });
     auto launcher = std::make_shared<qv::RecordingTaskLauncher>();
@@ -267,10 +288,10 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
         recorder.addCall("application", "terminate:");
         terminated = true;
     });
-    backend->setCallObserver([&](const GsmCallRecord& call) {
-        recorder.add("gsm", call.toJson());
+    backend->setObserver([&](const qv::ScriptedGsmBackend::Call& call) {
+        recorder.add("gsm", gsmCallFields(call));
     });
-    GsmBackend::setCurrent(backend);
+    qv::GsmBackend::setCurrent(backend);
 
     // The application's side, in the order an application does it.
     std::shared_ptr<QVDeviceMonitor> monitor;
@@ -324,7 +345,7 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     qv::setNamedLogSink([](const std::string&, const std::string&) {});
     qv::setSystemLogSink([](const std::string&) {});
     qv::setStandardOutputSink([](const std::string&) {});
-    backend->setCallObserver({});
+    backend->setObserver({});
     launcher->setObserver({});
     observer->setDelegate(nullptr);
     observer->stop();

@@ -24,7 +24,6 @@ inline constexpr const char* kNSInternalInconsistencyException = "NSInternalInco
 
 // A failed assertion (NSAssert): writes "*** Assertion failure in FILE:LINE" to the system log,
 // then raises NSInternalInconsistencyException with the description as its reason.
-[[noreturn]] void raiseAssertion(const std::string& description, const std::string& file,
-                                 int line);
+[[noreturn]] void raiseAssertion(const std::string& description, const std::string& file, int line);
 
 }  // namespace qv

@@ -4,7 +4,7 @@
 #include "Foundation/Logging.h"
 #include "Model/QVDevice.h"
 #include "Model/QVSerialInterface.h"
-#include "QVGsmKit/GsmRequests.h"
+#include "QVGsmKit/GsmAsyncRequests.h"
 #include "Recognition/QVDeviceMonitor.h"
 
 namespace {
@@ -28,7 +28,9 @@ std::shared_ptr<QVDeviceObserver> QVDeviceObserver::getInstance() {
     return shared;
 }
 
-void QVDeviceObserver::resetSharedForTesting() { sharedObserver().reset(); }
+void QVDeviceObserver::resetSharedForTesting() {
+    sharedObserver().reset();
+}
 
 std::shared_ptr<QVDeviceObserver> QVDeviceObserver::create() {
     return initWithDeviceMonitor(QVDeviceMonitor::create());
@@ -103,8 +105,8 @@ void QVDeviceObserver::update() {
     auto port = device->portWithCapability("NetworkQuery");
     std::string portName = port ? port->name() : std::string();
     const int deviceId = device->qvDeviceId();
-    startGroundInitEx(deviceId, portName, kGroundInitScript, groundInitListener, this);
-    if (getTheDeviceInfo(deviceId, portName, getDeviceInfoListener, this) == 0) {
+    startGroundInitEx(deviceId, portName.c_str(), kGroundInitScript, groundInitListener, this);
+    if (getTheDeviceInfo(deviceId, portName.c_str(), getDeviceInfoListener, this) == 0) {
         qv::logRecognition("Fatal error: Start Get OGTC status error(enabled or disabled)...");
     }
 }
@@ -121,8 +123,8 @@ void QVDeviceObserver::executeInBackground(QVPrioQueue& queue) {
         return;
     }
     auto port = device->portWithCapability("NetworkQuery");
-    startGetNetworkInfoEx(device->qvDeviceId(), port ? port->name() : std::string(),
-                          gsmGetNetworkInfoListener, this);
+    const std::string portName = port ? port->name() : std::string();
+    startGetNetworkInfoEx(device->qvDeviceId(), portName.c_str(), gsmGetNetworkInfoListener, this);
 }
 
 void QVDeviceObserver::networkInfoDidUpdate(const qv::Value& info) {

@@ -25,8 +25,7 @@ class QVDeviceObserver : public QVDeviceEventCallbacks,
   public:
     static constexpr int kNetworkQueryPriority = 2;
     static constexpr double kNetworkQueryInterval = 5.0;
-    static constexpr const char* kGroundInitScript =
-        "ATE1;V1\r\n[L2N]AT&F\r\n[L2N]AT+CMEE=1\r\n";
+    static constexpr const char* kGroundInitScript = "ATE1;V1\r\n[L2N]AT&F\r\n[L2N]AT+CMEE=1\r\n";
 
     static std::shared_ptr<QVDeviceObserver> getInstance();
     static void resetSharedForTesting();

@@ -3,18 +3,18 @@
 #include "Application/QVDeviceObserver.h"
 #include "Foundation/Logging.h"
 #include "Foundation/Platform.h"
-#include "QVGsmKit/GsmTypes.h"
+#include "QVGsmKit/GsmResultCodes.h"
 #include "RunLoop/RunLoop.h"
 
 namespace {
 
-QVDeviceObserver* observerFrom(void* context) { return static_cast<QVDeviceObserver*>(context); }
+QVDeviceObserver* observerFrom(void* context) {
+    return static_cast<QVDeviceObserver*>(context);
+}
 
 }  // namespace
 
-extern "C" {
-
-void groundInitListener(int code, void* context, qv::Value* data) {
+void groundInitListener(std::int32_t code, void* context, qv::Value* data) {
     (void)data;
     QVDeviceObserver* observer = observerFrom(context);
     switch (code) {
@@ -24,14 +24,14 @@ void groundInitListener(int code, void* context, qv::Value* data) {
                 observer->fireGetNetInfo();
             }
             break;
-        case kGsmResultInitError11:
-        case kGsmResultInitError12:
-        case kGsmResultInitError18:
+        case kGsmErrorPortUnavailable:
+        case kGsmErrorNoResponse:
+        case kGsmErrorCommandRefused:
             if (observer) {
                 observer->deviceRecognitionError(code);
             }
             break;
-        case kGsmResultTerminate:
+        case kGsmErrorApplicationMustQuit:
             // The library's word ends the application.
             qv::ApplicationTermination::terminate();
             break;
@@ -40,7 +40,7 @@ void groundInitListener(int code, void* context, qv::Value* data) {
     }
 }
 
-void getDeviceInfoListener(int code, void* context, qv::Value* data) {
+void getDeviceInfoListener(std::int32_t code, void* context, qv::Value* data) {
     QVDeviceObserver* observer = observerFrom(context);
     if (code != kGsmResultSuccess || data == nullptr || observer == nullptr) {
         return;
@@ -51,7 +51,8 @@ void getDeviceInfoListener(int code, void* context, qv::Value* data) {
     *data = qv::Value();
 }
 
-void gsmGetNetworkInfoListener(int code, void* context, qv::Value* data, int complete) {
+void gsmGetNetworkInfoListener(std::int32_t code, void* context, qv::Value* data,
+                               std::int32_t complete) {
     QVDeviceObserver* observer = observerFrom(context);
     if (complete == 1 && code == kGsmResultSuccess && data != nullptr) {
         if (observer == nullptr) {
@@ -60,16 +61,14 @@ void gsmGetNetworkInfoListener(int code, void* context, qv::Value* data, int com
         observer->networkInfoDidUpdate(*data);
         if (observer->autorepeatNetInfo()) {
             std::weak_ptr<QVDeviceObserver> weak = observer->weak_from_this();
-            qv::RunLoop::current().scheduleTimer(
-                QVDeviceObserver::kNetworkQueryInterval, false, [weak](qv::Timer&) {
-                    if (auto strong = weak.lock()) {
-                        strong->fireStartGetNetInfo();
-                    }
-                });
+            qv::RunLoop::current().scheduleTimer(QVDeviceObserver::kNetworkQueryInterval, false,
+                                                 [weak](qv::Timer&) {
+                                                     if (auto strong = weak.lock()) {
+                                                         strong->fireStartGetNetInfo();
+                                                     }
+                                                 });
         }
-    } else if (code == kGsmResultInitError12 || code == kGsmResultNetworkError19) {
+    } else if (code == kGsmErrorNoResponse || code == kGsmErrorNetworkInfo) {
         qv::logRecognition("Gsm fatal error. Error get network info");
     }
 }
-
-}  // extern "C"

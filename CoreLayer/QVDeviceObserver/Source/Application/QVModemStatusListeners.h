@@ -3,13 +3,12 @@
 // initialisation errors, 20 asks the application to quit, 12/19 are network-information failures.
 #pragma once
 
+#include <cstdint>
+
 #include "Foundation/Value.h"
 
-extern "C" {
-
 // `data` points to one slot holding a dictionary, for a success; it may be null.
-void groundInitListener(int code, void* context, qv::Value* data);
-void getDeviceInfoListener(int code, void* context, qv::Value* data);
-void gsmGetNetworkInfoListener(int code, void* context, qv::Value* data, int complete);
-
-}
+void groundInitListener(std::int32_t code, void* context, qv::Value* data);
+void getDeviceInfoListener(std::int32_t code, void* context, qv::Value* data);
+void gsmGetNetworkInfoListener(std::int32_t code, void* context, qv::Value* data,
+                               std::int32_t complete);

@@ -35,7 +35,9 @@ std::shared_ptr<QVDeviceMonitor> QVDeviceMonitor::getInstance() {
     return getInstanceOfClass<QVDeviceMonitor>();
 }
 
-void QVDeviceMonitor::resetSharedForTesting() { sharedSlot().reset(); }
+void QVDeviceMonitor::resetSharedForTesting() {
+    sharedSlot().reset();
+}
 
 std::shared_ptr<QVDeviceMonitor> QVDeviceMonitor::create() {
     return std::shared_ptr<QVDeviceMonitor>(new QVDeviceMonitor());
@@ -44,9 +46,10 @@ std::shared_ptr<QVDeviceMonitor> QVDeviceMonitor::create() {
 QVDeviceMonitor::QVDeviceMonitor() {
     _identifiedDevices.emplace();
     _deviceDatabase = QVDeviceDatabase::databaseFromBundle();
-    _diskSupressor = QVDriverDiskEjector::create();
+    _diskSupressor = std::make_shared<QVDriverDiskEjector>();
     // Systems before 10.5 accepted devices the rules did not allow; that leniency is kept.
-    _acceptNotAllowedDevices = qv::SystemVersion::current() <= kLastSystemAcceptingNotAllowedDevices;
+    _acceptNotAllowedDevices =
+        qv::SystemVersion::current() <= kLastSystemAcceptingNotAllowedDevices;
     _started = false;
     updateKnownVendors();
 }
@@ -214,6 +217,16 @@ void QVDeviceMonitor::didStopScheduler() {
 
 // ---- identification ----
 
+QVDeviceFilterSubject QVDeviceMonitor::filterSubjectOf(const QVUSBDevice& device) {
+    QVDeviceFilterSubject subject;
+    subject.quorvelID = device.quorvelID();
+    subject.vendorID = device.vendorID();
+    subject.productID = device.productID();
+    subject.productName = device.productName();
+    subject.record = &device;
+    return subject;
+}
+
 void QVDeviceMonitor::handleDevice(const std::shared_ptr<QVIODevice>& ioDevice) {
     tryToIdentifyDevice(ioDevice);
 }
@@ -269,7 +282,8 @@ void QVDeviceMonitor::addIdentifiedDevice(const std::shared_ptr<QVDevice>& devic
 
 void QVDeviceMonitor::pushDevice(const std::shared_ptr<QVUSBDevice>& device) {
     const auto& uuid = device->getUUID();
-    qv::logRecognition("Pushing device %@, with UUID %X", qv::Value(device->productName()),
+    const auto& name = device->productName();
+    qv::logRecognition("Pushing device %@, with UUID %X", name ? qv::Value(*name) : qv::Value(),
                        static_cast<unsigned>(uuid ? uuid->intValue() : 0));
 }
 
@@ -278,7 +292,7 @@ bool QVDeviceMonitor::didIdentifyIODevice(const std::shared_ptr<QVIODevice>& ioD
     if (ioDevice->isMissingSerialAndEthernetInterfaces()) {
         return false;
     }
-    auto device = QVUSBDevice::create();
+    auto device = QVUSBDevice::device();
     std::shared_ptr<QVDeviceDatabaseEntry> entry;
     unsigned approach = kApproachNoTableID;
     if (canDecideQuorvelIDFromIODevice(*ioDevice)) {
@@ -291,7 +305,7 @@ bool QVDeviceMonitor::didIdentifyIODevice(const std::shared_ptr<QVIODevice>& ioD
         }
         approach = kApproachTable;
     }
-    device->initializeFromIODevice(ioDevice);
+    device->initializeFromIODevice(*ioDevice);
     if (!validateSerialPortsAvailability(*ioDevice, entry)) {
         return false;
     }
@@ -301,7 +315,7 @@ bool QVDeviceMonitor::didIdentifyIODevice(const std::shared_ptr<QVIODevice>& ioD
     const std::int32_t delay = PowerUpDelayFromIODevice(*ioDevice);
     if (device->isMissingQuorvelID() || device->alwaysIdentifyWithATCommands()) {
         waitForPowerUp(*ioDevice, delay, true);
-        device->couldIdentifyWithATCommandsFromIODevice(ioDevice);
+        device->couldIdentifyWithATCommandsFromIODevice(*ioDevice);
         approach = kApproachATCommands;
     }
     switch (tryToMatchDeviceDatabaseEntryForQVDevice(device, ioDevice, approach)) {
@@ -360,7 +374,7 @@ int QVDeviceMonitor::tryToMatchDeviceDatabaseEntryForQVDevice(
     device->setDatabaseEntry(entry);
     device->setAllowedDeviceRulesEntry(
         allowedDeviceRulesEntryForQuorvelID(static_cast<std::uint32_t>(device->quorvelID())));
-    if (device->couldClassifyPortsFromIODevice(ioDevice, entry->deviceShouldHaveSerialPorts())) {
+    if (device->couldClassifyPortsFromIODevice(*ioDevice, entry->deviceShouldHaveSerialPorts())) {
         return allowed;
     }
     return kMatchUndecided;
@@ -370,13 +384,19 @@ int QVDeviceMonitor::isAllowedDevice(const std::shared_ptr<QVUSBDevice>& device,
                                      const std::shared_ptr<QVIODevice>& ioDeviceOrNull) {
     QVDeviceFilter filter(_allowedDevicesRules);
     filter.setAcceptNotAllowedDevices(_acceptNotAllowedDevices);
+    const QVDeviceFilterSubject subject = filterSubjectOf(*device);
     qv::Value details;
-    if (filter.hasRuleWithDeviceDetails(*device)) {
+    if (filter.hasRuleWithDeviceDetails(subject)) {
         // The format's missing conversion letter is kept as the log has always shown it.
         qv::logRecognition("Device rules needs device details for %ll", device->quorvelID());
-        details = device->getDeviceDetails(ioDeviceOrNull);
+        if (ioDeviceOrNull) {
+            details = device->getDeviceDetails(*ioDeviceOrNull);
+        } else {
+            // Without the IO device there are no ports to ask.
+            qv::logRecognition("Device info died");
+        }
     }
-    switch (filter.isAllowedDevice(*device, details)) {
+    switch (filter.isAllowedDevice(subject, details)) {
         case 0:
             return kMatchNoRule;
         case 2:
@@ -388,7 +408,9 @@ int QVDeviceMonitor::isAllowedDevice(const std::shared_ptr<QVUSBDevice>& device,
 
 namespace {
 
-bool isEmptyName(const std::optional<std::string>& name) { return !name || name->empty(); }
+bool isEmptyName(const std::optional<std::string>& name) {
+    return !name || name->empty();
+}
 
 }  // namespace
 
@@ -431,12 +453,12 @@ void QVDeviceMonitor::deviceCouldNotBeRecognized(const std::shared_ptr<QVIODevic
 
 void QVDeviceMonitor::notifyApplicationOfUnidentifiableDevice(
     const std::shared_ptr<QVIODevice>& ioDevice) {
-    auto device = QVUSBDevice::create();
+    auto device = QVUSBDevice::device();
     ioDevice->updateFromIORegistry();
     if (canDecideQuorvelIDFromIODevice(*ioDevice)) {
         device->setQuorvelID(static_cast<std::int32_t>(quorvelIDFromIODevice(*ioDevice)));
     }
-    device->initializeFromIODevice(ioDevice);
+    device->initializeFromIODevice(*ioDevice);
     for (const auto& path : ioDevice->portPaths()) {
         device->addInterface(QVSerialInterface::portWithCapabilities(QVCapabilitySet(), path));
     }

@@ -18,6 +18,7 @@
 #include "Events/QVDeviceNotificationReceiver.h"
 #include "Foundation/Value.h"
 #include "Recognition/QVDeviceEventCallbacks.h"
+#include "Rules/QVDeviceFilterSubject.h"
 
 struct DevPropertyMatch;
 class QVAllowedDeviceRulesEntry;
@@ -121,6 +122,8 @@ class QVDeviceMonitor : public QVDeviceNotificationReceiver {
 
   protected:
     QVDeviceMonitor();
+    // What the device filter needs to know of a record.
+    static QVDeviceFilterSubject filterSubjectOf(const QVUSBDevice& device);
     // Blocks this thread in 0.5 s steps until the device is `delay` seconds old, logging each
     // step when asked to.
     void waitForPowerUp(const QVIODevice& ioDevice, std::int32_t delay, bool logSteps) const;

@@ -20,8 +20,8 @@ void QVDeviceMonitorGenericDevRecogn::registerForDeviceNotifications() {
     listenForNotificationsForMatchingDictionary(IOServiceMatching("IOUSBDevice"));
 }
 
-void QVDeviceMonitorGenericDevRecogn::listenForNotificationsForVendorID(int vendorID,
-                                                                        int productID) {
+void QVDeviceMonitorGenericDevRecogn::listenForNotificationsForVendorID(std::int32_t vendorID,
+                                                                        std::int32_t productID) {
     (void)vendorID;
     (void)productID;
     qv::raiseAssertion("Use of this method is prohibited!",
@@ -66,12 +66,12 @@ bool QVDeviceMonitorGenericDevRecogn::didIdentifyGenericIODevice(
         }
         return false;
     }
-    auto device = QVUSBDevice::create();
+    auto device = QVUSBDevice::device();
     device->setQuorvelID(genericID);
     if (device->isMissingQuorvelID()) {
         return false;
     }
-    device->initializeFromIODevice(ioDevice);
+    device->initializeFromIODevice(*ioDevice);
     if (!ioDevice->hasSerialPorts()) {
         return false;
     }
@@ -93,9 +93,10 @@ bool QVDeviceMonitorGenericDevRecogn::didIdentifyGenericIODevice(
             return false;
         case kMatchAllowed: {
             if (genericID != kOptionGenericQuorvelID) {
-                device->couldIdentifyWithATCommandsFromIODevice(ioDevice);
+                device->couldIdentifyWithATCommandsFromIODevice(*ioDevice);
             }
-            if (filter.isExcludedGenericDevice(*device) == 1) {
+            if (filter.isExcludedGenericDevice(filterSubjectOf(*device)) ==
+                QVDeviceFilter::kNotAllowed) {
                 qv::logRecognition(
                     "Device is rcognized but excluded (generic exclusion pattern). Throwing it "
                     "away!");

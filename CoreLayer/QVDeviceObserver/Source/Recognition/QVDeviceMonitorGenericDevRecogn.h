@@ -4,6 +4,7 @@
 // handling time-out or when no rule speaks of the device. Same thread rules as the monitor.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "Recognition/QVDeviceMonitor.h"
@@ -19,7 +20,7 @@ class QVDeviceMonitorGenericDevRecogn : public QVDeviceMonitor {
 
     void registerForDeviceNotifications() override;
     // Prohibited on this class: every USB device is watched already.
-    void listenForNotificationsForVendorID(int vendorID, int productID) override;
+    void listenForNotificationsForVendorID(std::int32_t vendorID, std::int32_t productID) override;
     void timeoutHandlingDevice(const std::shared_ptr<QVIODevice>& ioDevice) override;
     void deviceRecognizedButNoRuleExistForIt(const std::shared_ptr<QVUSBDevice>& device,
                                              const std::shared_ptr<QVIODevice>& ioDevice) override;
