@@ -17,6 +17,10 @@ class QVDeviceMonitorGenericDevRecogn : public QVDeviceMonitor {
     static constexpr const char* kDriverRequestNotification = "NoteDeviceForDriverRequestDetected";
 
     static std::shared_ptr<QVDeviceMonitor> create();
+    // The shared monitor, made as a generic recogniser when this class is asked first.
+    static std::shared_ptr<QVDeviceMonitor> getInstance() {
+        return getInstanceOfClass<QVDeviceMonitorGenericDevRecogn>();
+    }
 
     void registerForDeviceNotifications() override;
     // Prohibited on this class: every USB device is watched already.
