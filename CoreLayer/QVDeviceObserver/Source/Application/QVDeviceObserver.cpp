@@ -14,8 +14,9 @@ std::shared_ptr<QVDeviceObserver>& sharedObserver() {
     return shared;
 }
 
-std::string productNameOf(const std::shared_ptr<QVDevice>& device) {
-    return device && device->productName() ? *device->productName() : std::string();
+// A record without a name prints as nil does.
+qv::Value productNameOf(const std::shared_ptr<QVDevice>& device) {
+    return device && device->productName() ? qv::Value(*device->productName()) : qv::Value();
 }
 
 }  // namespace
@@ -136,6 +137,7 @@ void QVDeviceObserver::networkInfoDidUpdate(const qv::Value& info) {
 }
 
 void QVDeviceObserver::deviceInfoDidUpdate(const qv::Value& info) {
+    // An answer that is not a dictionary counts as none rather than raising in the copy.
     _deviceInfo = info.isDictionary() ? info : qv::Value(qv::Dictionary());
 }
 
@@ -154,7 +156,7 @@ void QVDeviceObserver::deviceRecognitionError(int code) {
 void QVDeviceObserver::noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) {
     // "VQ" and the missing blank are what this line has always looked like.
     qv::logRecognition("VQDeviceObserver.noteDeviceBecameAvailable:Device '%@' added...",
-                       qv::Value(productNameOf(device)));
+                       productNameOf(device));
     _deviceList.push_back(device);
     if (_delegate) {
         _delegate->noteDeviceBecameAvailable(device);
@@ -163,7 +165,7 @@ void QVDeviceObserver::noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>
 
 void QVDeviceObserver::noteDeviceBecameMissing(const std::shared_ptr<QVDevice>& device) {
     qv::logRecognition("VQDeviceObserver.noteDeviceBecameMissing: Device '%@' removed...",
-                       qv::Value(productNameOf(device)));
+                       productNameOf(device));
     if (_delegate) {
         _delegate->noteDeviceBecameMissing(device);
     }

@@ -48,8 +48,12 @@ QVDeviceMonitor::QVDeviceMonitor() {
     _deviceDatabase = QVDeviceDatabase::databaseFromBundle();
     _diskSupressor = std::make_shared<QVDriverDiskEjector>();
     // Systems before 10.5 accepted devices the rules did not allow; that leniency is kept.
-    _acceptNotAllowedDevices =
-        qv::SystemVersion::current() <= kLastSystemAcceptingNotAllowedDevices;
+    _acceptNotAllowedDevices = false;
+    std::int32_t systemVersion = 0;
+    if (qv::Gestalt(qv::gestaltSystemVersion, &systemVersion) == qv::noErr &&
+        systemVersion <= kLastSystemAcceptingNotAllowedDevices) {
+        _acceptNotAllowedDevices = true;
+    }
     _started = false;
     updateKnownVendors();
 }
