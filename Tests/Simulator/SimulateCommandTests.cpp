@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "StoryBuilder.h"
-#include "qvdevice/CommandLine.h"
+#include "Support/ToolRunner.h"
 
 using qvtest::eventsOf;
 using qvtest::firstTime;
@@ -25,15 +25,10 @@ qvdevice::SimulationResult playExample(const std::string& name) {
 }
 
 int runTool(std::vector<std::string> args, std::string& out, std::string& err) {
-    args.insert(args.begin(), "qvdevice");
-    std::vector<char*> argv;
-    for (auto& arg : args)
-        argv.push_back(arg.data());
-    std::ostringstream outStream, errStream;
-    int status = qvdevice::run(static_cast<int>(argv.size()), argv.data(), outStream, errStream);
-    out = outStream.str();
-    err = errStream.str();
-    return status;
+    ToolRun run = runQvdevice(std::move(args));
+    out = run.out;
+    err = run.err;
+    return run.code;
 }
 
 std::string writeTemporary(const std::string& name, const std::string& text) {
