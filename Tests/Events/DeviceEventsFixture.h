@@ -13,27 +13,10 @@
 #include "IOKit/IOKitLib.h"
 #include "IOKit/Registry.h"
 #include "RunLoop/VirtualRunLoop.h"
+#include "Support/VirtualRegistryTest.h"
 
-class DeviceEventsTest : public ::testing::Test {
+class DeviceEventsTest : public VirtualRegistryTest {
   protected:
-    void SetUp() override {
-        qv::Registry::resetShared();
-        loop_ = std::make_shared<qv::VirtualRunLoop>();
-        qv::RunLoop::setCurrent(loop_);
-        auto lines = lines_;
-        qv::setNamedLogSink([lines](const std::string& logName, const std::string& message) {
-            if (logName == qv::kDeviceRecognitionLog) {
-                lines->push_back(message);
-            }
-        });
-    }
-    void TearDown() override {
-        QVDeviceNotificationCenter::defaultDeviceNotificationCenter()->removeAllNotifications();
-        qv::setNamedLogSink({});
-        qv::RunLoop::setCurrent(nullptr);
-        qv::Registry::resetShared();
-    }
-
     qv::Registry& registry() { return qv::Registry::shared(); }
 
     io_registry_entry_t addUsb(int vendor, int product, qv::Value location,
@@ -60,7 +43,4 @@ class DeviceEventsTest : public ::testing::Test {
                                const std::string& bsdName) {
         return add(parent, className, qv::Value(qv::Dictionary{{"BSD Name", bsdName}}));
     }
-
-    std::shared_ptr<qv::VirtualRunLoop> loop_;
-    std::shared_ptr<std::vector<std::string>> lines_ = std::make_shared<std::vector<std::string>>();
 };

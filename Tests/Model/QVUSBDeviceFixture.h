@@ -14,26 +14,10 @@
 #include "Knowledge/QVDeviceDatabaseEntry.h"
 #include "Model/QVUSBDevice.h"
 #include "RunLoop/VirtualRunLoop.h"
+#include "Support/VirtualRegistryTest.h"
 
-class QVUSBDeviceTest : public ::testing::Test {
+class QVUSBDeviceTest : public VirtualRegistryTest {
   protected:
-    void SetUp() override {
-        qv::Registry::resetShared();
-        loop_ = std::make_shared<qv::VirtualRunLoop>();
-        qv::RunLoop::setCurrent(loop_);
-        auto lines = lines_;
-        qv::setNamedLogSink([lines](const std::string& logName, const std::string& message) {
-            if (logName == qv::kDeviceRecognitionLog) {
-                lines->push_back(message);
-            }
-        });
-    }
-    void TearDown() override {
-        qv::setNamedLogSink({});
-        qv::RunLoop::setCurrent(nullptr);
-        qv::Registry::resetShared();
-    }
-
     // A stick with one serial client per tty name (in interface order) and, when given, a
     // network interface.
     std::shared_ptr<QVIODevice> stick(const std::vector<std::string>& ttys,
@@ -77,7 +61,4 @@ class QVUSBDeviceTest : public ::testing::Test {
         }
         return out;
     }
-
-    std::shared_ptr<qv::VirtualRunLoop> loop_;
-    std::shared_ptr<std::vector<std::string>> lines_ = std::make_shared<std::vector<std::string>>();
 };

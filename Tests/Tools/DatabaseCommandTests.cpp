@@ -8,34 +8,16 @@
 
 #include "Foundation/JsonValue.h"
 #include "Foundation/Platform.h"
-#include "qvdevice/CommandLine.h"
+#include "Support/ToolRunner.h"
 
 namespace {
-
-struct ToolRun {
-    int code;
-    std::string out;
-    std::string err;
-};
-
-ToolRun runTool(std::vector<std::string> args) {
-    args.insert(args.begin(), "qvdevice");
-    std::vector<char*> argv;
-    for (std::string& arg : args) {
-        argv.push_back(arg.data());
-    }
-    std::ostringstream out;
-    std::ostringstream err;
-    int code = qvdevice::run(static_cast<int>(argv.size()), argv.data(), out, err);
-    return {code, out.str(), err.str()};
-}
 
 std::string fixture(const char* name) {
     return std::string(QV_TEST_DATA_DIR) + "/Database/" + name;
 }
 
 TEST(DatabaseCommand, CheckPassesAGoodFileWithOneSummaryLine) {
-    ToolRun run = runTool({"db", "check", fixture("Family.plist")});
+    ToolRun run = runQvdevice({"db", "check", fixture("Family.plist")});
     EXPECT_EQ(run.code, 0) << run.out << run.err;
     EXPECT_EQ(run.out, fixture("Family.plist") + ": 3 entries, no problems\n");
 }
@@ -43,7 +25,7 @@ TEST(DatabaseCommand, CheckPassesAGoodFileWithOneSummaryLine) {
 // The model coverage of the shipped file is tested in Knowledge/DeviceDatabaseFileTests.cpp.
 TEST(DatabaseCommand, TheShippedDatabasePassesTheCheck) {
     qv::Bundle::setResourcesDirectory(QV_BUILD_RESOURCES_DIR);
-    ToolRun run = runTool({"db", "check"});
+    ToolRun run = runQvdevice({"db", "check"});
     qv::Bundle::setResourcesDirectory(std::nullopt);
     EXPECT_EQ(run.code, 0) << run.out << run.err;
     EXPECT_EQ(run.out, std::string(QV_BUILD_RESOURCES_DIR) +
@@ -51,7 +33,7 @@ TEST(DatabaseCommand, TheShippedDatabasePassesTheCheck) {
 }
 
 TEST(DatabaseCommand, CheckNamesTheEntryOfEveryProblem) {
-    ToolRun run = runTool({"db", "check", fixture("Problems.plist")});
+    ToolRun run = runQvdevice({"db", "check", fixture("Problems.plist")});
     EXPECT_EQ(run.code, 1);
     // Entry #3 inherits entry #2's problems without repeating them; the cycle is reported once.
     EXPECT_EQ(run.out,
@@ -87,7 +69,7 @@ TEST(DatabaseCommand, CheckRefusesFilesThatAreNoTextPropertyList) {
     for (const std::string& path :
          {fixture("Binary.plist"), fixture("Truncated.plist"), fixture("NotUTF8.plist"),
           fixture("Missing.plist"), deep.string()}) {
-        ToolRun run = runTool({"db", "check", path});
+        ToolRun run = runQvdevice({"db", "check", path});
         EXPECT_EQ(run.code, 2) << path;
         EXPECT_EQ(run.out, "") << path;
         EXPECT_EQ(run.err.rfind("qvdevice db check: refused: ", 0), 0u) << run.err;
@@ -96,7 +78,7 @@ TEST(DatabaseCommand, CheckRefusesFilesThatAreNoTextPropertyList) {
 }
 
 TEST(DatabaseCommand, ShowResolvesInheritance) {
-    ToolRun json = runTool({"db", "show", "1001", "--file", fixture("Family.plist"), "--json"});
+    ToolRun json = runQvdevice({"db", "show", "1001", "--file", fixture("Family.plist"), "--json"});
     ASSERT_EQ(json.code, 0) << json.err;
     qv::Json entry = qv::Json::parse(json.out);
     EXPECT_EQ(entry["ancestors"], qv::Json::parse("[15354]"));
@@ -111,7 +93,7 @@ TEST(DatabaseCommand, ShowResolvesInheritance) {
     EXPECT_EQ(entry["networkIPv6Support"], 1);
     EXPECT_EQ(entry["keys"]["DeviceDatabase.QuorvelID"], 1001);
 
-    ToolRun text = runTool({"db", "show", "1002", "--file", fixture("Family.plist")});
+    ToolRun text = runQvdevice({"db", "show", "1002", "--file", fixture("Family.plist")});
     ASSERT_EQ(text.code, 0) << text.err;
     EXPECT_NE(text.out.find("  0: \"/dev/cu\\\\.ttyACM[0-9]+\", capabilities: "), std::string::npos)
         << text.out;
@@ -120,7 +102,7 @@ TEST(DatabaseCommand, ShowResolvesInheritance) {
               std::string::npos);
     EXPECT_NE(text.out.find("Driver disk suppressed: NO\n"), std::string::npos);
 
-    ToolRun missing = runTool({"db", "show", "77", "--file", fixture("Family.plist")});
+    ToolRun missing = runQvdevice({"db", "show", "77", "--file", fixture("Family.plist")});
     EXPECT_EQ(missing.code, 1);
     EXPECT_NE(missing.err.find("has no entry with Quorvel ID 77"), std::string::npos);
 
@@ -129,7 +111,7 @@ TEST(DatabaseCommand, ShowResolvesInheritance) {
     std::ofstream(loop)
         << R"(({ "DeviceDatabase.QuorvelID" = 30; "DeviceDatabase.AncestorQuorvelID" = 31; },
                                { "DeviceDatabase.QuorvelID" = 31; "DeviceDatabase.AncestorQuorvelID" = 30; }))";
-    ToolRun looping = runTool({"db", "show", "30", "--file", loop.string()});
+    ToolRun looping = runQvdevice({"db", "show", "30", "--file", loop.string()});
     std::filesystem::remove(loop);
     EXPECT_EQ(looping.code, 1);
     EXPECT_EQ(looping.out, "");

@@ -8,7 +8,7 @@
 #include "Foundation/Task.h"
 #include "Rules/NSData_Cipher.h"
 #include "Rules/RulesTestSupport.h"
-#include "qvdevice/CommandLine.h"
+#include "Support/ToolRunner.h"
 
 namespace {
 
@@ -17,24 +17,6 @@ const char* const kRules =
     "<dict><key>QuorvelID</key><integer>5059</integer><key>Allowed</key><integer>0</integer></dict>"
     "<dict><key>VendorID</key><integer>4505</integer></dict>"
     "</array></plist>\n";
-
-struct ToolResult {
-    int exitCode;
-    std::string out;
-    std::string err;
-};
-
-ToolResult runTool(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "qvdevice");
-    std::vector<char*> argv;
-    for (auto& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    std::ostringstream out;
-    std::ostringstream err;
-    int code = qvdevice::run(static_cast<int>(argv.size()), argv.data(), out, err);
-    return {code, out.str(), err.str()};
-}
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
@@ -49,10 +31,10 @@ TEST_F(RulesCommandTests, EncryptAndDecryptRoundTripAndInteroperateWithOpenSSL) 
     ASSERT_FALSE(rulestest::opensslPath().empty()) << "openssl command line missing";
     rulestest::writeFile(dir.file("rules.plist"), kRules);
     ASSERT_EQ(
-        runTool({"rules", "encrypt", dir.file("rules.plist"), dir.file("rules.enc")}).exitCode, 0);
+        runQvdevice({"rules", "encrypt", dir.file("rules.plist"), dir.file("rules.enc")}).code, 0);
     qv::Data enciphered = rulestest::readFile(dir.file("rules.enc"));
     EXPECT_EQ(enciphered.size(), encipheredSizeForLength(std::string(kRules).size()));
-    ASSERT_EQ(runTool({"rules", "decrypt", dir.file("rules.enc"), dir.file("back.plist")}).exitCode,
+    ASSERT_EQ(runQvdevice({"rules", "decrypt", dir.file("rules.enc"), dir.file("back.plist")}).code,
               0);
     EXPECT_EQ(rulestest::readFile(dir.file("back.plist")),
               rulestest::readFile(dir.file("rules.plist")));
@@ -80,42 +62,42 @@ TEST_F(RulesCommandTests, EncryptAndDecryptRoundTripAndInteroperateWithOpenSSL) 
     file.insert(file.end(), body.begin(), body.end());
     rulestest::writeFile(dir.file("openssl.enc"), file);
     ASSERT_EQ(
-        runTool({"rules", "decrypt", dir.file("openssl.enc"), dir.file("openssl.plist")}).exitCode,
+        runQvdevice({"rules", "decrypt", dir.file("openssl.enc"), dir.file("openssl.plist")}).code,
         0);
     EXPECT_EQ(rulestest::readFile(dir.file("openssl.plist")), qv::Data(rules.begin(), rules.end()));
 
     // Another pass phrase.
-    ASSERT_EQ(runTool({"rules", "encrypt", dir.file("rules.plist"), dir.file("own.enc"), "--pass",
-                       "s3cret"})
-                  .exitCode,
+    ASSERT_EQ(runQvdevice({"rules", "encrypt", dir.file("rules.plist"), dir.file("own.enc"),
+                           "--pass", "s3cret"})
+                  .code,
               0);
-    EXPECT_EQ(runTool({"rules", "decrypt", dir.file("own.enc"), dir.file("own.plist")}).exitCode,
+    EXPECT_EQ(runQvdevice({"rules", "decrypt", dir.file("own.enc"), dir.file("own.plist")}).code,
               1);
-    EXPECT_EQ(runTool({"rules", "decrypt", dir.file("own.enc"), dir.file("own.plist"), "--pass",
-                       "s3cret"})
-                  .exitCode,
+    EXPECT_EQ(runQvdevice({"rules", "decrypt", dir.file("own.enc"), dir.file("own.plist"), "--pass",
+                           "s3cret"})
+                  .code,
               0);
 }
 
 TEST_F(RulesCommandTests, FailedDecryptWritesNothingAndErrorsAreOneLine) {
     rulestest::writeFile(dir.file("rules.plist"), kRules);
     rulestest::writeFile(dir.file("keep.plist"), std::string("old contents"));
-    ToolResult plain =
-        runTool({"rules", "decrypt", dir.file("rules.plist"), dir.file("keep.plist")});
-    EXPECT_EQ(plain.exitCode, 1);
+    ToolRun plain =
+        runQvdevice({"rules", "decrypt", dir.file("rules.plist"), dir.file("keep.plist")});
+    EXPECT_EQ(plain.code, 1);
     EXPECT_TRUE(contains(plain.err, "not a rules file enciphered with this pass phrase"));
     EXPECT_EQ(rulestest::readFile(dir.file("keep.plist")),
               qv::Data({'o', 'l', 'd', ' ', 'c', 'o', 'n', 't', 'e', 'n', 't', 's'}));
 
-    ToolResult missing = runTool({"rules", "encrypt", dir.file("missing"), dir.file("x")});
-    EXPECT_EQ(missing.exitCode, 1);
+    ToolRun missing = runQvdevice({"rules", "encrypt", dir.file("missing"), dir.file("x")});
+    EXPECT_EQ(missing.code, 1);
     EXPECT_TRUE(contains(missing.err, dir.file("missing")));
     EXPECT_FALSE(std::filesystem::exists(dir.file("x")));
-    ToolResult noDirectory =
-        runTool({"rules", "encrypt", dir.file("rules.plist"), dir.file("none/x.enc")});
-    EXPECT_EQ(noDirectory.exitCode, 1);
-    ToolResult checkMissing = runTool({"rules", "check", dir.file("missing")});
-    EXPECT_EQ(checkMissing.exitCode, 1);
+    ToolRun noDirectory =
+        runQvdevice({"rules", "encrypt", dir.file("rules.plist"), dir.file("none/x.enc")});
+    EXPECT_EQ(noDirectory.code, 1);
+    ToolRun checkMissing = runQvdevice({"rules", "check", dir.file("missing")});
+    EXPECT_EQ(checkMissing.code, 1);
     EXPECT_EQ(checkMissing.err,
               "qvdevice rules check: " + dir.file("missing") + ": no such file or directory\n");
     // Nothing is left behind beside the outputs.
@@ -151,8 +133,8 @@ TEST_F(RulesCommandTests, CheckReportsProblemsAndDeviceVerdicts) {
                     "  { VendorID = 4505; AllowsDriverRequest = YES; } )"));
     rulestest::writeFile(dir.file("rules/ignored.PLIST"), kRules);
 
-    ToolResult check = runTool({"rules", "check", dir.file("rules")});
-    EXPECT_EQ(check.exitCode, 1);
+    ToolRun check = runQvdevice({"rules", "check", dir.file("rules")});
+    EXPECT_EQ(check.code, 1);
     const std::string other = dir.file("rules/com.example.Other.plist");
     EXPECT_TRUE(contains(check.out,
                          dir.file("rules/com.example.Connect.plist") + ": 2 rules, no problems\n"));
@@ -165,16 +147,16 @@ TEST_F(RulesCommandTests, CheckReportsProblemsAndDeviceVerdicts) {
     EXPECT_TRUE(contains(check.out, "(did you mean \"AllowesDriverRequest\"?)"));
     EXPECT_TRUE(contains(check.out, "ignored.PLIST: not read"));
 
-    ToolResult verdicts = runTool({"rules", "check", dir.file("rules/com.example.Connect.plist"),
-                                   "--device", "5059:0x1199:0x6812:K3805-Z"});
-    EXPECT_EQ(verdicts.exitCode, 0);
+    ToolRun verdicts = runQvdevice({"rules", "check", dir.file("rules/com.example.Connect.plist"),
+                                    "--device", "5059:0x1199:0x6812:K3805-Z"});
+    EXPECT_EQ(verdicts.code, 0);
     EXPECT_TRUE(contains(verdicts.out, "isAllowedDevice 2 (allowed)"));
     EXPECT_TRUE(contains(verdicts.out, "applications to launch: com.example.Connect\n"));
-    ToolResult notNamed = runTool({"rules", "check", dir.file("rules/com.example.Connect.plist"),
-                                   "--device", "197:0x12D1:0x1001"});
+    ToolRun notNamed = runQvdevice({"rules", "check", dir.file("rules/com.example.Connect.plist"),
+                                    "--device", "197:0x12D1:0x1001"});
     EXPECT_TRUE(contains(notNamed.out, "isAllowedDevice 0 (no rule names the device)"));
     EXPECT_TRUE(contains(notNamed.out, "applications to launch: (none)\n"));
-    EXPECT_EQ(runTool({"rules", "check", dir.file("rules"), "--device", "5059:x"}).exitCode, 1);
+    EXPECT_EQ(runQvdevice({"rules", "check", dir.file("rules"), "--device", "5059:x"}).code, 1);
 }
 
 TEST_F(RulesCommandTests, HostileFilesGiveALineNotACrash) {
@@ -192,10 +174,10 @@ TEST_F(RulesCommandTests, HostileFilesGiveALineNotACrash) {
     for (std::size_t i = 0; i < hostile.size(); ++i) {
         std::string path = dir.file("hostile" + std::to_string(i) + ".plist");
         rulestest::writeFile(path, hostile[i]);
-        ToolResult check = runTool({"rules", "check", path, "--device", "1:2:3"});
-        EXPECT_EQ(check.exitCode, 1) << i;
+        ToolRun check = runQvdevice({"rules", "check", path, "--device", "1:2:3"});
+        EXPECT_EQ(check.code, 1) << i;
         EXPECT_TRUE(contains(check.out, path + ": not a property list")) << i << check.out;
-        EXPECT_EQ(runTool({"rules", "decrypt", path, dir.file("out")}).exitCode, 1) << i;
+        EXPECT_EQ(runQvdevice({"rules", "decrypt", path, dir.file("out")}).code, 1) << i;
     }
 }
 
