@@ -93,6 +93,8 @@ void QVPrioQueue::scheduler() {
         // Run first, remove after: a task may queue itself again while it runs.
         std::shared_ptr<QVPrioQueueTask> task = list.front();
         task->executeInBackground(*this);
+        // A task that emptied its own list while it ran leaves nothing to take out, where an
+        // array would have raised.
         if (!list.empty()) {
             list.pop_front();
         }

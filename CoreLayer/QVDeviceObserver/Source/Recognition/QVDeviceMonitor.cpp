@@ -119,6 +119,7 @@ std::optional<std::vector<std::shared_ptr<QVDevice>>> QVDeviceMonitor::identifie
 
 std::shared_ptr<QVAllowedDeviceRulesEntry> QVDeviceMonitor::allowedDeviceRulesEntryForQuorvelID(
     std::uint32_t quorvelID) const {
+    // A member that is not a dictionary reads as one without keys instead of raising.
     for (std::size_t i = 0; i < _allowedDevicesRules.count(); ++i) {
         const qv::Value& rule = _allowedDevicesRules.at(i);
         if (static_cast<std::uint32_t>(rule["QuorvelID"].intValue()) == quorvelID) {
