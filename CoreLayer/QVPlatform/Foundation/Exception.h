@@ -22,8 +22,4 @@ class Exception : public std::runtime_error {
 inline constexpr const char* kNSException = "NSException";
 inline constexpr const char* kNSInternalInconsistencyException = "NSInternalInconsistencyException";
 
-// A failed assertion (NSAssert): writes "*** Assertion failure in FILE:LINE" to the system log,
-// then raises NSInternalInconsistencyException with the description as its reason.
-[[noreturn]] void raiseAssertion(const std::string& description, const std::string& file, int line);
-
 }  // namespace qv

@@ -1,7 +1,7 @@
 #include "Recognition/QVDeviceMonitorGenericDevRecogn.h"
 
 #include "Events/QVDeviceNotificationCenter.h"
-#include "Foundation/Exception.h"
+#include "Foundation/Assertion.h"
 #include "Foundation/Logging.h"
 #include "Foundation/NotificationCenter.h"
 #include "IOKit/IOKitLib.h"
