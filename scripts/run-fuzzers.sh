@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Runs every libFuzzer target of a fuzz build for a bounded time and fails on the first crash,
 # leak, sanitizer report or time-out. Usage: scripts/run-fuzzers.sh BUILD_DIR [SECONDS_EACH]
-# Seeds come from Fuzz/corpus/<name without "fuzz_">/ and are only read; new inputs and crash
+# Seeds come from Fuzz/corpus/<name without "fuzz_">/ and are only read, tokens from
+# Fuzz/dictionaries/<name without "fuzz_">.dict where there is one; new inputs and crash
 # artifacts go into BUILD_DIR/fuzz-corpus and BUILD_DIR/fuzz-artifacts.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${1:?usage: run-fuzzers.sh BUILD_DIR [SECONDS_EACH]}
-seconds=${2:-30}
+seconds=${2:-20}
 
 mapfile -t fuzzers < <(find "$build_dir/Fuzz" -maxdepth 1 -type f -name 'fuzz_*' -perm -u+x | sort)
 if ((${#fuzzers[@]} == 0)); then
@@ -21,9 +22,13 @@ for fuzzer in "${fuzzers[@]}"; do
   mkdir -p "$corpus" "$artifacts"
   seeds=()
   [[ -d "$root/Fuzz/corpus/${name#fuzz_}" ]] && seeds=("$root/Fuzz/corpus/${name#fuzz_}")
+  options=()
+  [[ -f "$root/Fuzz/dictionaries/${name#fuzz_}.dict" ]] &&
+    options=(-dict="$root/Fuzz/dictionaries/${name#fuzz_}.dict")
   echo "-- $name (${seconds}s)"
   if ! "$fuzzer" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-       -artifact_prefix="$artifacts/" "$corpus" "${seeds[@]}" >"$build_dir/fuzz-$name.log" 2>&1; then
+       -artifact_prefix="$artifacts/" "${options[@]}" "$corpus" "${seeds[@]}" \
+       >"$build_dir/fuzz-$name.log" 2>&1; then
     tail -n 60 "$build_dir/fuzz-$name.log"
     echo "$name failed; the input is in $artifacts/" >&2
     exit 1

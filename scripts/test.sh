@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, then builds and runs every test twice, in a
 # normal build and in an address + undefined-behaviour sanitizer build, and then runs every
-# libFuzzer target for a bounded time (FUZZ_SECONDS each, 30 by default) in a clang build.
+# libFuzzer target for a bounded time (FUZZ_SECONDS each, 20 by default) in a clang build.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
@@ -20,4 +20,4 @@ echo "== fuzz targets (clang, libFuzzer + address + undefined)"
 CC=clang-14 CXX=clang++-14 cmake -S "$root" -B "$root/build-fuzz" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQV_BUILD_FUZZERS=ON -DQV_BUILD_TESTS=OFF -DQV_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$root/build-fuzz" -j"$jobs" --target qv_fuzzers
-"$root/scripts/run-fuzzers.sh" "$root/build-fuzz" "${FUZZ_SECONDS:-30}"
+"$root/scripts/run-fuzzers.sh" "$root/build-fuzz" "${FUZZ_SECONDS:-20}"

@@ -141,4 +141,26 @@ TEST(UnmountPlan, PlansNothingWhenAnotherDeviceIsMountedOnOrInsideOneOfOurs) {
     EXPECT_EQ(plan(*stacked, "sdc"), (std::vector<std::string>{"/media/usb (sdc1)"}));
 }
 
+TEST(UnmountPlan, RefusesALoopingMadeUpTableAtOnceEvenWithMountIdsUsedTwice) {
+    // Twelve mounts "1" on "2" and twelve "2" on "1": every mount has one on top of it, and a
+    // walk along every path below the first would take 12^24 steps.
+    std::string text;
+    for (int i = 0; i < 12; ++i) {
+        text += "1 2 8:17 / /a rw - vfat /dev/sdb1 rw\n2 1 8:17 / /b rw - vfat /dev/sdb1 rw\n";
+    }
+    std::string error;
+    auto table = MountTable::parse(text, &error);
+    ASSERT_TRUE(table) << error;
+    EXPECT_EQ(
+        plan(*table, "sdb"),
+        (std::vector<std::string>{"error: cannot unmount \"/a\" (sdb1): the mount table loops"}));
+
+    // Another device mounted on the last "2" still blocks, found through the same loop.
+    auto blocked = MountTable::parse(text + "3 2 8:33 / /b/c rw - ext4 /dev/sdc1 rw\n", &error);
+    ASSERT_TRUE(blocked) << error;
+    EXPECT_EQ(plan(*blocked, "sdb"),
+              (std::vector<std::string>{"error: cannot unmount \"/a\" (sdb1): \"/b/c\" of another "
+                                        "device is mounted on or inside it"}));
+}
+
 }  // namespace

@@ -47,6 +47,40 @@ TEST(ScriptedTimeline, RefusesBadStoriesNamingTheEvent) {
               "accepted");
 }
 
+// A chain of adds, each below the one before: `count` entries, the last `count - 1` levels deep.
+std::string chainOfAdds(int count) {
+    qv::Json events = qv::Json::array();
+    for (int i = 0; i < count; ++i) {
+        qv::Json add = {{"entry", {{"id", i}, {"class", "C"}}}};
+        add["parent"] = i == 0 ? qv::Json(nullptr) : qv::Json(i - 1);
+        events.push_back({{"at", i}, {"add", add}});
+    }
+    return events.dump();
+}
+
+TEST(ScriptedTimeline, RefusesATreeDeeperThanOneEntryMayNestWhateverEventsBuiltIt) {
+    // Showing the registry walks it recursively: a long chain of small adds must not reach
+    // further down than one deeply nested entry may.
+    EXPECT_EQ(parseError(chainOfAdds(65).c_str()), "accepted");
+    EXPECT_EQ(parseError(chainOfAdds(66).c_str()),
+              "timeline[65].add.entry: entries nested too deeply");
+    EXPECT_EQ(parseError(chainOfAdds(1000).c_str()),
+              "timeline[65].add.entry: entries nested too deeply");
+
+    // Removing an entry takes its whole subtree, so the same ids may come back below the root.
+    qv::Json story = qv::Json::parse(chainOfAdds(65));
+    story.push_back({{"at", 100}, {"remove", 0}});
+    for (qv::Json event : qv::Json::parse(chainOfAdds(65))) {
+        event["at"] = event["at"].get<int>() + 200;
+        story.push_back(event);
+    }
+    story.push_back({{"at", 300}, {"remove", 40}});
+    story.push_back({{"at", 301}, {"set", {{"id", 39}, {"properties", qv::Json::object()}}}});
+    EXPECT_EQ(parseError(story.dump().c_str()), "accepted");
+    story.push_back({{"at", 302}, {"set", {{"id", 41}, {"properties", qv::Json::object()}}}});
+    EXPECT_EQ(parseError(story.dump().c_str()), "timeline[133].set.id: unknown id \"41\"");
+}
+
 TEST(ScriptedFeeder, AppliesEventsAtTheirVirtualTimes) {
     auto loop = std::make_shared<qv::VirtualRunLoop>();
     qv::RunLoop::setCurrent(loop);

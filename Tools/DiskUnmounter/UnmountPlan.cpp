@@ -12,22 +12,28 @@ bool hasChild(const std::vector<MountEntry>& entries, const MountEntry& parent) 
     });
 }
 
-// The first mount of another device on or below `entry`, searched depth first. `depth` bounds the
-// walk, so a table whose parent links loop cannot recurse forever.
+// The first mount of another device on or below `entry` (one of `entries`), searched depth first.
+// Each mount is walked once: in a made-up table parent links may loop and mount IDs repeat, and
+// a walk along every path would then take exponential time.
 const MountEntry* foreignBlocker(const std::vector<MountEntry>& entries, const MountEntry& entry,
-                                 const DiskDevices& disk, std::size_t depth) {
-    if (depth == 0) {
-        return nullptr;
-    }
-    for (const MountEntry& child : entries) {
-        if (child.parentId != entry.mountId || child.mountId == entry.mountId) {
-            continue;
+                                 const DiskDevices& disk) {
+    std::vector<bool> walked(entries.size(), false);
+    walked[static_cast<std::size_t>(&entry - entries.data())] = true;
+    std::vector<const MountEntry*> stack{&entry};
+    while (!stack.empty()) {
+        const MountEntry* current = stack.back();
+        stack.pop_back();
+        if (!UnmountPlan::owner(*current, disk)) {
+            return current;
         }
-        if (!UnmountPlan::owner(child, disk)) {
-            return &child;
-        }
-        if (const MountEntry* blocker = foreignBlocker(entries, child, disk, depth - 1)) {
-            return blocker;
+        // Pushed last to first, so that the table's first child is walked first.
+        for (std::size_t i = entries.size(); i-- > 0;) {
+            const MountEntry& child = entries[i];
+            if (!walked[i] && child.parentId == current->mountId &&
+                child.mountId != current->mountId) {
+                walked[i] = true;
+                stack.push_back(&child);
+            }
         }
     }
     return nullptr;
@@ -62,7 +68,7 @@ std::optional<UnmountPlan> UnmountPlan::make(const MountTable& table, const Disk
             return plan;
         }
         if (error) {
-            const MountEntry* blocker = foreignBlocker(remaining, *blocked, disk, remaining.size());
+            const MountEntry* blocker = foreignBlocker(remaining, *blocked, disk);
             *error = "cannot unmount " + MountTable::quoted(blocked->mountPoint) + " (" +
                      owner(*blocked, disk)->name + "): " +
                      (blocker ? MountTable::quoted(blocker->mountPoint) +

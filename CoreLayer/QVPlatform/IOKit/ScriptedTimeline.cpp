@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <set>
 
 namespace qv {
@@ -39,8 +40,9 @@ class Parser {
 
     bool checkKeys(const Json& object, const std::string& where,
                    std::initializer_list<const char*> allowed) {
-        for (const auto& [key, value] : object.items()) {
-            (void)value;
+        // Not a structured binding: clang 14 (the fuzz build) cannot capture one in a lambda.
+        for (const auto& item : object.items()) {
+            const std::string& key = item.key();
             bool known = std::any_of(allowed.begin(), allowed.end(),
                                      [&](const char* a) { return key == a; });
             if (!known) {
@@ -193,6 +195,89 @@ void collectIds(const ScriptedTimeline::Entry& entry, std::vector<std::string>& 
     }
 }
 
+// Plays the sorted story through once without a registry: parents, duplicates and removals must
+// make sense, and no entry may sit deeper below the root than one entry may nest, whichever events
+// built the chain (whoever shows the registry walks it recursively).
+bool playOnPaper(const std::vector<ScriptedTimeline::Event>& events, Parser& parser) {
+    using Event = ScriptedTimeline::Event;
+    struct Present {
+        std::string parent;  // "" below the root
+        int depth = 0;       // 0 below the root
+        std::set<std::string> children;
+    };
+    std::map<std::string, Present> present;
+    for (const Event& event : events) {
+        switch (event.kind) {
+            case Event::Kind::Add: {
+                int depth = 0;
+                if (!event.parentId.empty()) {
+                    auto parent = present.find(event.parentId);
+                    if (parent == present.end()) {
+                        return parser.fail(event.where + ".add.parent",
+                                           "unknown parent \"" + event.parentId + "\"");
+                    }
+                    depth = parent->second.depth + 1;
+                }
+                std::vector<std::string> ids;
+                collectIds(event.entry, ids);
+                std::set<std::string> seen;
+                for (const auto& id : ids) {
+                    if (present.count(id) != 0 || !seen.insert(id).second) {
+                        return parser.fail(event.where + ".add.entry",
+                                           "duplicate id \"" + id + "\"");
+                    }
+                }
+                struct Placed {
+                    const ScriptedTimeline::Entry* entry;
+                    std::string parent;
+                    int depth;
+                };
+                std::vector<Placed> stack{{&event.entry, event.parentId, depth}};
+                while (!stack.empty()) {
+                    Placed placed = std::move(stack.back());
+                    stack.pop_back();
+                    if (placed.depth > kMaxEntryDepth) {
+                        return parser.fail(event.where + ".add.entry", "entries nested too deeply");
+                    }
+                    present[placed.entry->id] = Present{placed.parent, placed.depth, {}};
+                    if (!placed.parent.empty()) {
+                        present[placed.parent].children.insert(placed.entry->id);
+                    }
+                    for (const auto& child : placed.entry->children) {
+                        stack.push_back({&child, placed.entry->id, placed.depth + 1});
+                    }
+                }
+                break;
+            }
+            case Event::Kind::Set:
+                if (present.count(event.id) == 0) {
+                    return parser.fail(event.where + ".set.id", "unknown id \"" + event.id + "\"");
+                }
+                break;
+            case Event::Kind::Remove: {
+                auto removed = present.find(event.id);
+                if (removed == present.end()) {
+                    return parser.fail(event.where + ".remove", "unknown id \"" + event.id + "\"");
+                }
+                if (!removed->second.parent.empty()) {
+                    present[removed->second.parent].children.erase(event.id);
+                }
+                // The entry and every id below it.
+                std::vector<std::string> gone{event.id};
+                while (!gone.empty()) {
+                    auto entry = present.find(gone.back());
+                    gone.pop_back();
+                    gone.insert(gone.end(), entry->second.children.begin(),
+                                entry->second.children.end());
+                    present.erase(entry);
+                }
+                break;
+            }
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 std::optional<ScriptedTimeline> ScriptedTimeline::fromJson(const Json& json, std::string* error) {
@@ -223,65 +308,8 @@ std::optional<ScriptedTimeline> ScriptedTimeline::fromJson(const Json& json, std
     std::stable_sort(timeline.events_.begin(), timeline.events_.end(),
                      [](const Event& a, const Event& b) { return a.at < b.at; });
 
-    // Play the story through once on paper: parents, duplicates and removals must make sense.
-    std::map<std::string, std::string> parentOf;  // present ids -> parent id ("" = root)
-    for (const Event& event : timeline.events_) {
-        switch (event.kind) {
-            case Event::Kind::Add: {
-                if (!event.parentId.empty() && parentOf.count(event.parentId) == 0) {
-                    parser.fail(event.where + ".add.parent",
-                                "unknown parent \"" + event.parentId + "\"");
-                    return std::nullopt;
-                }
-                std::vector<std::string> ids;
-                collectIds(event.entry, ids);
-                std::set<std::string> seen;
-                for (const auto& id : ids) {
-                    if (parentOf.count(id) != 0 || !seen.insert(id).second) {
-                        parser.fail(event.where + ".add.entry", "duplicate id \"" + id + "\"");
-                        return std::nullopt;
-                    }
-                }
-                std::vector<std::pair<const Entry*, std::string>> stack{
-                    {&event.entry, event.parentId}};
-                while (!stack.empty()) {
-                    auto [entry, parent] = stack.back();
-                    stack.pop_back();
-                    parentOf[entry->id] = parent;
-                    for (const auto& child : entry->children) {
-                        stack.emplace_back(&child, entry->id);
-                    }
-                }
-                break;
-            }
-            case Event::Kind::Set:
-                if (parentOf.count(event.id) == 0) {
-                    parser.fail(event.where + ".set.id", "unknown id \"" + event.id + "\"");
-                    return std::nullopt;
-                }
-                break;
-            case Event::Kind::Remove: {
-                if (parentOf.count(event.id) == 0) {
-                    parser.fail(event.where + ".remove", "unknown id \"" + event.id + "\"");
-                    return std::nullopt;
-                }
-                // Remove the entry and every id below it.
-                std::set<std::string> gone{event.id};
-                bool grew = true;
-                while (grew) {
-                    grew = false;
-                    for (const auto& [id, parent] : parentOf) {
-                        if (gone.count(parent) != 0 && gone.insert(id).second) {
-                            grew = true;
-                        }
-                    }
-                }
-                for (const auto& id : gone) {
-                    parentOf.erase(id);
-                }
-                break;
-            }
-        }
+    if (!playOnPaper(timeline.events_, parser)) {
+        return std::nullopt;
     }
     return timeline;
 }
