@@ -1,0 +1,112 @@
+// The udev feeder against a fake sysfs. Needs umockdev's preload library: ctest runs this under
+// umockdev-wrapper; anywhere else it skips.
+#ifdef QV_HAVE_UMOCKDEV
+
+#include <gtest/gtest.h>
+#include <umockdev.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "IOKit/Registry.h"
+#include "IOKit/UdevFeeder.h"
+#include "RunLoop/GLibRunLoop.h"
+
+namespace {
+
+class UdevFeederUmockdev : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!umockdev_in_mock_environment()) {
+            GTEST_SKIP() << "run under umockdev-wrapper";
+        }
+        testbed_ = umockdev_testbed_new();
+    }
+    void TearDown() override {
+        if (testbed_ != nullptr) {
+            g_object_unref(testbed_);
+        }
+    }
+
+    // A modem stick on bus 1, hub port 2, port 3, with three serial interfaces; the kernel named
+    // the ttys out of interface order.
+    std::string addStick() {
+        gchar* stick = umockdev_testbed_add_device(
+            testbed_, "usb", "1-2.3", nullptr, "idVendor", "12d1", "idProduct", "1001", "product",
+            "Mobile", "manufacturer", "Maker", nullptr, "DEVTYPE", "usb_device", nullptr);
+        const char* ttys[] = {"ttyUSB1", "ttyUSB2", "ttyUSB0"};
+        for (int i = 0; i < 3; ++i) {
+            std::string name = "1-2.3:1." + std::to_string(i);
+            std::string number = "0" + std::to_string(i);
+            gchar* interface = umockdev_testbed_add_device(
+                testbed_, "usb", name.c_str(), stick, "bInterfaceNumber", number.c_str(), nullptr,
+                "DEVTYPE", "usb_interface", nullptr);
+            g_free(
+                umockdev_testbed_add_device(testbed_, "tty", ttys[i], interface, nullptr, nullptr));
+            g_free(interface);
+        }
+        std::string path = stick;
+        g_free(stick);
+        return path;
+    }
+
+    UMockdevTestbed* testbed_ = nullptr;
+};
+
+std::vector<std::string> ttysBelow(const qv::Registry::EntryView& device) {
+    std::vector<std::string> ttys;
+    for (const auto& interface : device.children) {
+        for (const auto& client : interface.children) {
+            ttys.push_back(client.properties["IOTTYDevice"].stringValue());
+        }
+    }
+    return ttys;
+}
+
+TEST_F(UdevFeederUmockdev, EnumeratesAStickThenFollowsItsRemoval) {
+    // Not below any USB device: not shown.
+    g_free(umockdev_testbed_add_device(testbed_, "tty", "ttyS0", nullptr, nullptr, nullptr));
+    std::string stickPath = addStick();
+
+    qv::Registry registry;
+    qv::UdevFeeder feeder(registry);
+    ASSERT_TRUE(feeder.start());
+    qv::Registry::EntryView root = registry.tree();
+    ASSERT_EQ(root.children.size(), 1u);
+    const qv::Registry::EntryView& stick = root.children[0];
+    EXPECT_EQ(stick.className, "IOUSBDevice");
+    EXPECT_EQ(stick.properties["idVendor"], qv::Value(0x12d1));
+    EXPECT_EQ(stick.properties["idProduct"], qv::Value(0x1001));
+    EXPECT_EQ(stick.properties["USB Product Name"], qv::Value("Mobile"));
+    EXPECT_EQ(stick.properties["locationID"], qv::Value(0x01230000));
+    ASSERT_EQ(stick.children.size(), 3u);
+    EXPECT_EQ(stick.children[2].properties["bInterfaceNumber"], qv::Value(2));
+    EXPECT_EQ(ttysBelow(stick), (std::vector<std::string>{"ttyUSB1", "ttyUSB2", "ttyUSB0"}));
+    EXPECT_EQ(stick.children[0].children[0].properties["IOCalloutDevice"],
+              qv::Value("/dev/cu.ttyUSB1"));
+
+    // The removal reaches the registry through the monitor watched on a GLib loop.
+    GMainContext* context = g_main_context_new();
+    {
+        auto loop = std::make_shared<qv::GLibRunLoop>(context);
+        ASSERT_TRUE(feeder.watchOn(*loop));
+        std::vector<std::string> removed;
+        feeder.setEventObserver([&](bool added, io_registry_entry_t entry) {
+            if (!added) {
+                removed.push_back(*registry.entryClass(entry));
+                loop->stop();
+            }
+        });
+        umockdev_testbed_uevent(testbed_, stickPath.c_str(), "remove");
+        loop->runFor(5.0);  // a limit only: the removal stops the loop
+        EXPECT_EQ(removed, std::vector<std::string>{"IOUSBDevice"});
+    }
+    g_main_context_unref(context);
+    EXPECT_TRUE(registry.tree().children.empty());
+    EXPECT_EQ(feeder.handleFor(stickPath), IO_OBJECT_NULL);
+}
+
+}  // namespace
+
+#endif  // QV_HAVE_UMOCKDEV
