@@ -5,23 +5,30 @@
 #include <gtest/gtest.h>
 #include <umockdev.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Foundation/JsonValue.h"
 #include "IOKit/Registry.h"
 #include "IOKit/UdevFeeder.h"
 #include "RunLoop/GLibRunLoop.h"
+#include "Support/ToolRunner.h"
 
 namespace {
 
 class UdevFeederUmockdev : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!umockdev_in_mock_environment()) {
+        // The preload library only redirects once a testbed exists, so ask the environment first.
+        const char* preload = std::getenv("LD_PRELOAD");
+        if (preload == nullptr || std::strstr(preload, "libumockdev-preload") == nullptr) {
             GTEST_SKIP() << "run under umockdev-wrapper";
         }
         testbed_ = umockdev_testbed_new();
+        ASSERT_TRUE(umockdev_in_mock_environment());
     }
     void TearDown() override {
         if (testbed_ != nullptr) {
@@ -105,6 +112,34 @@ TEST_F(UdevFeederUmockdev, EnumeratesAStickThenFollowsItsRemoval) {
     g_main_context_unref(context);
     EXPECT_TRUE(registry.tree().children.empty());
     EXPECT_EQ(feeder.handleFor(stickPath), IO_OBJECT_NULL);
+}
+
+TEST_F(UdevFeederUmockdev, ListShowsAStickWithItsDriverCDAndPartitionedDisk) {
+    std::string stick = addStick();
+    gchar* storage =
+        umockdev_testbed_add_device(testbed_, "usb", "1-2.3:1.3", stick.c_str(), "bInterfaceNumber",
+                                    "03", nullptr, "DEVTYPE", "usb_interface", nullptr);
+    g_free(umockdev_testbed_add_device(testbed_, "block", "sr0", storage, nullptr, "DEVTYPE",
+                                       "disk", nullptr));
+    gchar* disk = umockdev_testbed_add_device(testbed_, "block", "sdb", storage, nullptr, "DEVTYPE",
+                                              "disk", nullptr);
+    g_free(umockdev_testbed_add_device(testbed_, "block", "sdb1", disk, nullptr, "DEVTYPE",
+                                       "partition", nullptr));
+    g_free(disk);
+    g_free(storage);
+
+    ToolRun run = runQvdevice({"list", "--json"});
+    ASSERT_EQ(run.code, 0) << run.err;
+    qv::Json tree = qv::Json::parse(run.out);
+    const qv::Json& media = tree["children"][0]["children"][3]["children"];
+    ASSERT_EQ(media.size(), 2u);
+    // Siblings in sysfs path order: the disk "sdb" before the CD "sr0".
+    EXPECT_EQ(media[1]["class"], "IOCDMedia");
+    EXPECT_EQ(media[1]["properties"]["BSD Name"], "sr0");
+    EXPECT_EQ(media[0]["class"], "IOMedia");
+    EXPECT_EQ(media[0]["properties"]["Leaf"], false);
+    EXPECT_EQ(media[0]["children"][0]["properties"]["BSD Name"], "sdb1");
+    EXPECT_EQ(media[0]["children"][0]["properties"]["Leaf"], true);
 }
 
 }  // namespace
