@@ -71,7 +71,7 @@ std::vector<std::string> ttysBelow(const qv::Registry::EntryView& device) {
     return ttys;
 }
 
-TEST_F(UdevFeederUmockdev, EnumeratesAStickThenFollowsItsRemoval) {
+TEST_F(UdevFeederUmockdev, EnumeratesAStickThenFollowsItsEvents) {
     // Not below any USB device: not shown.
     g_free(umockdev_testbed_add_device(testbed_, "tty", "ttyS0", nullptr, nullptr, nullptr));
     std::string stickPath = addStick();
@@ -93,25 +93,34 @@ TEST_F(UdevFeederUmockdev, EnumeratesAStickThenFollowsItsRemoval) {
     EXPECT_EQ(stick.children[0].children[0].properties["IOCalloutDevice"],
               qv::Value("/dev/cu.ttyUSB1"));
 
-    // The removal reaches the registry through the monitor watched on a GLib loop.
+    // Hot-plug events reach the registry through the monitor watched on a GLib loop: a network
+    // function that appears later lands below its interface, then the stick goes.
     GMainContext* context = g_main_context_new();
     {
         auto loop = std::make_shared<qv::GLibRunLoop>(context);
         ASSERT_TRUE(feeder.watchOn(*loop));
-        std::vector<std::string> removed;
+        std::vector<std::string> events;
         feeder.setEventObserver([&](bool added, io_registry_entry_t entry) {
-            if (!added) {
-                removed.push_back(*registry.entryClass(entry));
+            events.push_back((added ? "+" : "-") + *registry.entryClass(entry));
+            if (events.size() == 3) {
                 loop->stop();
             }
         });
+        // umockdev announces each device it adds.
+        gchar* interface = umockdev_testbed_add_device(
+            testbed_, "usb", "1-2.3:1.4", stickPath.c_str(), "bInterfaceNumber", "04", nullptr,
+            "DEVTYPE", "usb_interface", nullptr);
+        g_free(umockdev_testbed_add_device(testbed_, "net", "wwan0", interface, nullptr, nullptr));
+        g_free(interface);
         umockdev_testbed_uevent(testbed_, stickPath.c_str(), "remove");
-        loop->runFor(5.0);  // a limit only: the removal stops the loop
-        EXPECT_EQ(removed, std::vector<std::string>{"IOUSBDevice"});
+        loop->runFor(5.0);  // a limit only: the third event stops the loop
+        EXPECT_EQ(events, (std::vector<std::string>{"+IOUSBInterface", "+IOEthernetInterface",
+                                                    "-IOUSBDevice"}));
     }
     g_main_context_unref(context);
     EXPECT_TRUE(registry.tree().children.empty());
     EXPECT_EQ(feeder.handleFor(stickPath), IO_OBJECT_NULL);
+    EXPECT_EQ(registry.liveObjectCount(), 1u);  // the root
 }
 
 TEST_F(UdevFeederUmockdev, ListShowsAStickWithItsDriverCDAndPartitionedDisk) {

@@ -4,9 +4,11 @@
 #include <libudev.h>
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 #include <vector>
 
+#include "Foundation/Logging.h"
 #include "RunLoop/GLibRunLoop.h"
 #include "UdevMapping.h"
 
@@ -37,7 +39,12 @@ UdevDeviceFacts factsOf(udev_device* device) {
 }
 
 gboolean monitorReadable(gint /*fd*/, GIOCondition /*condition*/, gpointer feeder) {
-    static_cast<UdevFeeder*>(feeder)->processPendingEvents();
+    // GLib's C frames cannot carry an exception: the host loop has nobody to report it to.
+    try {
+        static_cast<UdevFeeder*>(feeder)->processPendingEvents();
+    } catch (const std::exception& error) {
+        logToSystemLog(std::string("Uncaught exception in the udev feeder: ") + error.what());
+    }
     return G_SOURCE_CONTINUE;
 }
 
@@ -133,8 +140,8 @@ io_registry_entry_t UdevFeeder::handleFor(const std::string& sysPath) const {
 void UdevFeeder::apply(udev_device* device, const std::string& action) {
     if (action == "remove") {
         remove(text(udev_device_get_syspath(device)));
-    } else if (action == "add" || action == "bind" || action == "change") {
-        add(device);
+    } else if (action == "add" || action == "bind" || action == "change" || action == "unbind") {
+        add(device);  // refreshes a known entry: an unbound interface loses its "Driver"
     }
 }
 
@@ -159,6 +166,9 @@ void UdevFeeder::add(udev_device* device) {
         // A whole disk keeps the "Leaf" its partitions gave it.
         if (facts.subsystem == "block") {
             description->properties.asDictionary()->erase("Leaf");
+        }
+        if (description->className == "IOUSBInterface" && facts.driver.empty()) {
+            description->properties.set("Driver", Value());  // nil removes it
         }
         registry_.setProperties(known, description->properties);
         return;
