@@ -5,9 +5,9 @@
 #include <string>
 
 #include "CommandContext.h"
-#include "Foundation/JsonValue.h"
 #include "IOKit/Registry.h"
 #include "IOKit/ScriptedFeeder.h"
+#include "RegistryTreePrinter.h"
 #include "RunLoop/VirtualRunLoop.h"
 
 namespace qvdevice {
@@ -19,40 +19,6 @@ struct RegistryOptions {
     double at = -1.0;
     bool json = false;
 };
-
-qv::Json treeToJson(const qv::Registry::EntryView& view) {
-    qv::Json node = qv::Json::object();
-    node["name"] = view.name;
-    node["class"] = view.className;
-    node["properties"] = qv::jsonFromValue(view.properties);
-    qv::Json children = qv::Json::array();
-    for (const auto& child : view.children) {
-        children.push_back(treeToJson(child));
-    }
-    node["children"] = std::move(children);
-    return node;
-}
-
-// ioreg's layout: "+-o Name  <class Class>", properties below in braces.
-void printTree(std::ostream& out, const qv::Registry::EntryView& view, const std::string& indent,
-               bool last) {
-    out << indent << "+-o " << view.name << "  <class " << view.className << ">\n";
-    std::string inner = indent + (last ? "  " : "| ");
-    std::string bar = view.children.empty() ? "  " : "| ";
-    const qv::Dictionary* props = view.properties.asDictionary();
-    if (props != nullptr && !props->empty()) {
-        out << inner << bar << "{\n";
-        for (const auto& [key, value] : *props) {
-            std::string text =
-                value.isString() ? qv::quotedDescription(*value.asString()) : value.description();
-            out << inner << bar << "  \"" << key << "\" = " << text << "\n";
-        }
-        out << inner << bar << "}\n";
-    }
-    for (std::size_t i = 0; i < view.children.size(); ++i) {
-        printTree(out, view.children[i], inner, i + 1 == view.children.size());
-    }
-}
 
 int runRegistry(const RegistryOptions& options, CommandContext& context) {
     std::string error;
@@ -77,11 +43,11 @@ int runRegistry(const RegistryOptions& options, CommandContext& context) {
     if (options.json) {
         qv::Json out = qv::Json::object();
         out["t"] = until;
-        out["registry"] = treeToJson(tree);
+        out["registry"] = registryTreeToJson(tree);
         context.out << out.dump(2) << "\n";
     } else {
         context.out << "registry at t=" << until << "s\n";
-        printTree(context.out, tree, "", true);
+        printRegistryTree(context.out, tree);
     }
     return 0;
 }
