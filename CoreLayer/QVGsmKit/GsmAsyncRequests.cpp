@@ -17,11 +17,19 @@ qv::GsmRequest makeRequest(std::int32_t deviceId, const char* portName) {
 }
 
 // Delivers each answer as a listener call on the requesting run loop, whichever thread the
-// backend answers from.
-qv::GsmAnswerHandler deliverTo(std::shared_ptr<qv::RunLoop> loop, GsmNetworkInfoListener listener,
-                               GsmListener plainListener, void* context) {
-    return [loop = std::move(loop), listener, plainListener, context](qv::GsmAnswer answer) {
-        loop->post([listener, plainListener, context, answer = std::move(answer)]() mutable {
+// backend answers from. The handler holds the loop weakly: a backend may park it in a timer on
+// that very loop, and a strong hold would keep a finished loop alive forever. An answer that
+// arrives after its loop has gone has nobody left to hear it and is dropped.
+qv::GsmAnswerHandler deliverTo(const std::shared_ptr<qv::RunLoop>& loop,
+                               GsmNetworkInfoListener listener, GsmListener plainListener,
+                               void* context) {
+    std::weak_ptr<qv::RunLoop> weakLoop = loop;
+    return [weakLoop, listener, plainListener, context](qv::GsmAnswer answer) {
+        auto target = weakLoop.lock();
+        if (!target) {
+            return;
+        }
+        target->post([listener, plainListener, context, answer = std::move(answer)]() mutable {
             qv::Value slot = std::move(answer.data);
             qv::Value* data = slot.isNil() ? nullptr : &slot;
             if (listener != nullptr) {

@@ -218,4 +218,34 @@ TEST_F(GsmKitTest, AnswersFromAnotherThreadArriveOnTheRequestingThread) {
     EXPECT_EQ(listening_.heard[0].thread, std::this_thread::get_id());
 }
 
+// A backend that keeps its answer until the test hands it over.
+class HoldingBackend : public qv::NullGsmBackend {
+  public:
+    bool startGroundInit(const qv::GsmRequest&, const std::string&,
+                         qv::GsmAnswerHandler answer) override {
+        held = std::move(answer);
+        return true;
+    }
+    qv::GsmAnswerHandler held;
+};
+
+// An answer still waiting when its requesting loop ends (the thread is done with it) has nobody
+// to hear it: it must neither keep the loop alive nor reach a loop that is gone.
+TEST_F(GsmKitTest, AnswersOutlivingTheirLoopAreDropped) {
+    install(R"({"ttyUSB2": {"groundInit": 7, "latency": 2}})");
+    EXPECT_EQ(startGroundInitEx(241, "ttyUSB2", "AT\r\n", &listen, &listening_), 1);
+    auto holding = std::make_shared<HoldingBackend>();
+    qv::GsmBackend::setCurrent(holding);
+    EXPECT_EQ(startGroundInitEx(241, "ttyUSB2", "AT\r\n", &listen, &listening_), 1);
+
+    std::weak_ptr<qv::VirtualRunLoop> weakLoop = loop_;
+    qv::RunLoop::setCurrent(nullptr);
+    listening_.loop.reset();
+    loop_.reset();
+    EXPECT_TRUE(weakLoop.expired());  // the scripted answer's timer did not hold it
+    ASSERT_TRUE(holding->held);
+    holding->held(qv::GsmAnswer{});  // finds no loop to deliver to
+    EXPECT_TRUE(listening_.heard.empty());
+}
+
 }  // namespace
