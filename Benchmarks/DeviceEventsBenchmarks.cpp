@@ -82,20 +82,26 @@ void BM_EjectorExaminationTick(benchmark::State& state) {
 }
 BENCHMARK(BM_EjectorExaminationTick)->RangeMultiplier(4)->Range(16, 256);
 
-void BM_SnapshotRefresh(benchmark::State& state) {
-    auto loop = std::make_shared<qv::VirtualRunLoop>();
-    qv::RunLoop::setCurrent(loop);
+// A fresh shared registry of 2,000 entries: other modems of 4 ports (13 entries each) around the
+// measured stick of 8 ports, which it answers.
+io_registry_entry_t crowdedRegistryWithStick() {
     qv::Registry::resetShared();
     qv::Registry& registry = qv::Registry::shared();
     io_registry_entry_t controller = registry.addEntry(
         IO_OBJECT_NULL, "AppleUSBEHCI", "",
         qv::Value(qv::Dictionary{{"CFBundleIdentifier", "com.apple.driver.AppleUSBEHCI"}}));
-    // 2,000 entries: other modems of 4 ports (13 entries each) around the measured one.
     int location = 1;
     while (registry.liveObjectCount() + 25 < 2000) {
         addModem(registry, controller, ++location, 4);
     }
-    io_registry_entry_t stick = addModem(registry, controller, 1, 8);
+    return addModem(registry, controller, 1, 8);
+}
+
+void BM_SnapshotRefresh(benchmark::State& state) {
+    auto loop = std::make_shared<qv::VirtualRunLoop>();
+    qv::RunLoop::setCurrent(loop);
+    const io_registry_entry_t stick = crowdedRegistryWithStick();
+    qv::Registry& registry = qv::Registry::shared();
     state.counters["registry_entries"] = static_cast<double>(registry.liveObjectCount());
     auto device = QVIODevice::deviceWithServiceEntry(stick);
     for (auto _ : state) {
@@ -112,16 +118,7 @@ BENCHMARK(BM_SnapshotRefresh);
 void BM_SnapshotCreation(benchmark::State& state) {
     auto loop = std::make_shared<qv::VirtualRunLoop>();
     qv::RunLoop::setCurrent(loop);
-    qv::Registry::resetShared();
-    qv::Registry& registry = qv::Registry::shared();
-    io_registry_entry_t controller = registry.addEntry(
-        IO_OBJECT_NULL, "AppleUSBEHCI", "",
-        qv::Value(qv::Dictionary{{"CFBundleIdentifier", "com.apple.driver.AppleUSBEHCI"}}));
-    int location = 1;
-    while (registry.liveObjectCount() + 25 < 2000) {
-        addModem(registry, controller, ++location, 4);
-    }
-    io_registry_entry_t stick = addModem(registry, controller, 1, 8);
+    const io_registry_entry_t stick = crowdedRegistryWithStick();
     for (auto _ : state) {
         auto device = QVIODevice::deviceWithServiceEntry(stick);
         benchmark::DoNotOptimize(device->driverBundle());

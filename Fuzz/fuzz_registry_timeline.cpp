@@ -8,9 +8,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <set>
 #include <string>
 
+#include "FuzzJsonInput.h"
 #include "IOKit/IOKitLib.h"
 #include "IOKit/Registry.h"
 #include "IOKit/ScriptedFeeder.h"
@@ -121,17 +123,12 @@ void play(qv::ScriptedTimeline timeline) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size > kMaxInputSize) {
-        return 0;
-    }
-    const qv::Json json =
-        qv::Json::parse(reinterpret_cast<const char*>(data),
-                        reinterpret_cast<const char*>(data) + size, nullptr, false);
-    if (json.is_discarded()) {
+    const std::optional<qv::Json> json = fuzzInputAsJson(data, size, kMaxInputSize);
+    if (!json) {
         return 0;
     }
     std::string error;
-    auto timeline = qv::ScriptedTimeline::fromJson(json, &error);
+    auto timeline = qv::ScriptedTimeline::fromJson(*json, &error);
     if (!timeline) {
         if (error.empty()) {
             std::fprintf(stderr, "a refused timeline without a reason\n");

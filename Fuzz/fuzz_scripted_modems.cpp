@@ -7,9 +7,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Foundation/JsonValue.h"
+#include "FuzzJsonInput.h"
 #include "QVGsmKit/GsmResultCodes.h"
 #include "QVGsmKit/ScriptedGsmBackend.h"
 #include "RunLoop/VirtualRunLoop.h"
@@ -85,16 +87,12 @@ void drive(qv::ScriptedGsmBackend& backend, qv::VirtualRunLoop& loop,
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size > kMaxInputSize) {
-        return 0;
-    }
-    const char* text = reinterpret_cast<const char*>(data);
-    const qv::Json json = qv::Json::parse(text, text + size, nullptr, false);
-    if (json.is_discarded()) {
+    const std::optional<qv::Json> json = fuzzInputAsJson(data, size, kMaxInputSize);
+    if (!json) {
         return 0;
     }
     std::string error;
-    const std::optional<qv::Value> value = qv::valueFromJson(json, "modems", &error);
+    const std::optional<qv::Value> value = qv::valueFromJson(*json, "modems", &error);
     if (!value) {
         return 0;
     }

@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
+#include "FuzzJsonInput.h"
 #include "QVGsmKit/ScriptedGsmBackend.h"
 #include "SimulationScenario.h"
 
@@ -17,16 +19,12 @@ constexpr std::size_t kMaxInputSize = 8192;
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size > kMaxInputSize) {
-        return 0;
-    }
-    const char* text = reinterpret_cast<const char*>(data);
-    const qv::Json json = qv::Json::parse(text, text + size, nullptr, false);
-    if (json.is_discarded()) {
+    const std::optional<qv::Json> json = fuzzInputAsJson(data, size, kMaxInputSize);
+    if (!json) {
         return 0;
     }
     std::string error;
-    const auto scenario = qvdevice::SimulationScenario::fromJson(json, &error);
+    const auto scenario = qvdevice::SimulationScenario::fromJson(*json, &error);
     if (!scenario) {
         if (error.empty()) {
             std::fprintf(stderr, "a scenario was refused without a reason\n");

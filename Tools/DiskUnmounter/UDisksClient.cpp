@@ -17,14 +17,15 @@ constexpr const char* kDriveInterface = "org.freedesktop.UDisks2.Drive";
 // Unmounting a busy filesystem or ejecting a slow drive can take a while.
 constexpr int kCallTimeoutMilliseconds = 60 * 1000;
 
-std::string takeMessage(GError* error) {
-    if (!error) {
-        return "unknown error";
+// Frees `error`, handing its message (after `prefix`) to `out` when the caller wants it.
+void passOn(GError* error, std::string* out, const char* prefix = "") {
+    if (out) {
+        if (error) {
+            g_dbus_error_strip_remote_error(error);
+        }
+        *out = std::string(prefix) + (error ? error->message : "unknown error");
     }
-    g_dbus_error_strip_remote_error(error);
-    std::string message = error->message;
-    g_error_free(error);
-    return message;
+    g_clear_error(&error);
 }
 
 // Calls a method of the bus daemon itself and answers its single reply value, or nullptr.
@@ -34,10 +35,8 @@ GVariant* callBus(GDBusConnection* connection, const char* method, GVariant* par
     GVariant* reply = g_dbus_connection_call_sync(
         connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
         parameters, G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &gerror);
-    if (!reply && error) {
-        *error = takeMessage(gerror);
-    } else if (!reply) {
-        g_clear_error(&gerror);
+    if (!reply) {
+        passOn(gerror, error);
     }
     return reply;
 }
@@ -125,11 +124,7 @@ std::unique_ptr<UDisksClient> UDisksClient::connect(const std::string& busAddres
                                                     G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
                   nullptr, nullptr, &gerror);
     if (!connection) {
-        if (why) {
-            *why = "no system bus: " + takeMessage(gerror);
-        } else {
-            g_clear_error(&gerror);
-        }
+        passOn(gerror, why, "no system bus: ");
         return nullptr;
     }
     // A bus that goes away must end a call with an error, not the process.
@@ -152,11 +147,7 @@ bool UDisksClient::blocks(std::vector<Block>* result, std::string* error) {
         "GetManagedObjects", nullptr, G_VARIANT_TYPE("(a{oa{sa{sv}}})"), G_DBUS_CALL_FLAGS_NONE,
         kCallTimeoutMilliseconds, nullptr, &gerror);
     if (!reply) {
-        if (error) {
-            *error = takeMessage(gerror);
-        } else {
-            g_clear_error(&gerror);
-        }
+        passOn(gerror, error);
         return false;
     }
     result->clear();
@@ -196,11 +187,7 @@ bool UDisksClient::callWithoutOptions(const std::string& objectPath, const char*
         g_variant_new("(a{sv})", &options), nullptr, G_DBUS_CALL_FLAGS_NONE,
         kCallTimeoutMilliseconds, nullptr, &gerror);
     if (!reply) {
-        if (error) {
-            *error = takeMessage(gerror);
-        } else {
-            g_clear_error(&gerror);
-        }
+        passOn(gerror, error);
         return false;
     }
     g_variant_unref(reply);
