@@ -78,3 +78,27 @@ TEST_F(ListenerTest, DeviceInfoAnswers) {
     EXPECT_EQ(lines_->back(), "DeviceDict2--> " + observer_->getDeviceInfo().description());
     EXPECT_TRUE(answer_.isNil()) << "the listener releases the library's reference";
 }
+
+// An answer can arrive after its observer is gone: it must reach nobody (under the sanitizers a
+// stale pointer would be a use after free), while the library's word to quit still ends the
+// application, and an observer made later is not mistaken for an unknown context.
+TEST_F(ListenerTest, AnswersForADestroyedObserverFindNobody) {
+    auto doomed = QVDeviceObserver::create();
+    void* const context = doomed.get();
+    EXPECT_EQ(QVDeviceObserver::liveObserverFromContext(context), doomed.get());
+    doomed.reset();
+    EXPECT_EQ(QVDeviceObserver::liveObserverFromContext(context), nullptr);
+    int unrelated = 0;
+    EXPECT_EQ(QVDeviceObserver::liveObserverFromContext(&unrelated), nullptr);
+
+    groundInitListener(7, context, nullptr);
+    groundInitListener(11, context, nullptr);
+    getDeviceInfoListener(7, context, &answer_);
+    gsmGetNetworkInfoListener(7, context, &answer_, 1);
+    EXPECT_TRUE(app_.calls.empty());
+    EXPECT_EQ(queuedQueries(), 0u);
+    groundInitListener(20, context, nullptr);
+    EXPECT_EQ(terminations_, 1);
+
+    EXPECT_EQ(QVDeviceObserver::liveObserverFromContext(observer_.get()), observer_.get());
+}

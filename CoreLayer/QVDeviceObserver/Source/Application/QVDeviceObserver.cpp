@@ -1,5 +1,8 @@
 #include "Application/QVDeviceObserver.h"
 
+#include <mutex>
+#include <set>
+
 #include "Application/QVModemStatusListeners.h"
 #include "Foundation/Logging.h"
 #include "Model/QVDevice.h"
@@ -12,6 +15,18 @@ namespace {
 std::shared_ptr<QVDeviceObserver>& sharedObserver() {
     static std::shared_ptr<QVDeviceObserver> shared;
     return shared;
+}
+
+// The observers alive now: a modem answer carries its observer only as an untyped context, and
+// one that arrives after the observer is gone must find nobody.
+struct LiveObservers {
+    std::mutex mutex;
+    std::set<const void*> addresses;
+};
+
+LiveObservers& liveObservers() {
+    static LiveObservers live;
+    return live;
 }
 
 // A record without a name prints as nil does.
@@ -42,8 +57,19 @@ std::shared_ptr<QVDeviceObserver> QVDeviceObserver::initWithDeviceMonitor(
     return std::shared_ptr<QVDeviceObserver>(new QVDeviceObserver(std::move(monitor)));
 }
 
+QVDeviceObserver* QVDeviceObserver::liveObserverFromContext(void* context) {
+    LiveObservers& live = liveObservers();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    return live.addresses.count(context) != 0 ? static_cast<QVDeviceObserver*>(context) : nullptr;
+}
+
 QVDeviceObserver::QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor)
     : _deviceMonitor(std::move(monitor)) {
+    {
+        LiveObservers& live = liveObservers();
+        std::lock_guard<std::mutex> lock(live.mutex);
+        live.addresses.insert(this);
+    }
     if (_deviceMonitor) {
         _deviceMonitor->setDelegate(this);
     }
@@ -51,6 +77,11 @@ QVDeviceObserver::QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor)
 }
 
 QVDeviceObserver::~QVDeviceObserver() {
+    {
+        LiveObservers& live = liveObservers();
+        std::lock_guard<std::mutex> lock(live.mutex);
+        live.addresses.erase(this);
+    }
     if (_deviceMonitor && _deviceMonitor->delegate() == this) {
         _deviceMonitor->setDelegate(nullptr);
     }

@@ -34,6 +34,8 @@ class QVDeviceObserver : public QVDeviceEventCallbacks,
     static std::shared_ptr<QVDeviceObserver> initWithDeviceMonitor(
         std::shared_ptr<QVDeviceMonitor> monitor);
     ~QVDeviceObserver() override;
+    // The observer a modem-library context names, or nullptr once that observer is destroyed.
+    static QVDeviceObserver* liveObserverFromContext(void* context);
 
     void start();
     void stop();

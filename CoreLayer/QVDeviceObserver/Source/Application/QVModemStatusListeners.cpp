@@ -9,7 +9,7 @@
 namespace {
 
 QVDeviceObserver* observerFrom(void* context) {
-    return static_cast<QVDeviceObserver*>(context);
+    return QVDeviceObserver::liveObserverFromContext(context);
 }
 
 }  // namespace
