@@ -115,3 +115,28 @@ TEST(SimulateCommand, BadScenariosAreRefusedWithOneLineBeforeAnythingRuns) {
         EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     }
 }
+
+// Command-line mistakes exit 2 with a message on standard error and nothing on standard output;
+// a time that is not a finite number is one of them, not a silent fallback to the scenario's.
+TEST(SimulateCommand, UsageMistakesExitTwoWithAReason) {
+    const std::string example = std::string(QV_SOURCE_DIR) + "/Examples/stick-with-driver-cd.json";
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {{"simulate", example, "--until", "nan"}, "not a number of seconds"},
+        {{"simulate", example, "--until", "inf"}, "not a number of seconds"},
+        {{"simulate", example, "--until", "-5"}, "not a number of seconds"},
+        {{"simulate", example, "--until", "12s"}, "not a number of seconds"},
+        {{"registry", example, "--at", "nan"}, "not a number of seconds"},
+        {{"simulate", example, "--colour"}, "--colour"},
+        {{"simulate", ::testing::TempDir()}, "is a directory"},
+        {{"simulate", "/nonexistent/story.json"}, "No such file or directory"},
+    };
+    for (const auto& [args, expected] : cases) {
+        std::string out, err;
+        EXPECT_EQ(runTool(args, out, err), 2) << args.back();
+        EXPECT_TRUE(out.empty()) << args.back();
+        EXPECT_NE(err.find(expected), std::string::npos) << args.back() << " -> " << err;
+    }
+    std::string out, err;
+    EXPECT_EQ(runTool({"simulate", "--help"}, out, err), 0);
+    EXPECT_NE(out.find("--until"), std::string::npos);
+}

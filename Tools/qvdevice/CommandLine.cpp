@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <map>
 #include <ostream>
 #include <string>
@@ -24,6 +25,20 @@ bool registerCommand(const char* name, CommandAdder adder) {
     return true;
 }
 
+CLI::Validator virtualSeconds(double maximum) {
+    return CLI::Validator(
+        [maximum](std::string& text) {
+            double seconds = 0.0;
+            if (CLI::detail::lexical_cast(text, seconds) && std::isfinite(seconds) &&
+                seconds >= 0.0 && seconds <= maximum) {
+                return std::string();
+            }
+            return "not a number of seconds from 0 to " +
+                   std::to_string(static_cast<long long>(maximum)) + ": " + text;
+        },
+        "SECONDS");
+}
+
 int run(int argc, char** argv, std::ostream& out, std::ostream& err) {
     CLI::App app{"qvdevice: device detection for mobile-broadband modems"};
     app.require_subcommand(1);
@@ -34,7 +49,8 @@ int run(int argc, char** argv, std::ostream& out, std::ostream& err) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e, out, err);
+        // Help is a success; every other parse error is a usage error, exit 2 as tools do.
+        return app.exit(e, out, err) == 0 ? 0 : 2;
     }
     return context.exitCode;
 }

@@ -1,6 +1,9 @@
 #include "JsonValue.h"
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <vector>
 
@@ -200,9 +203,16 @@ std::optional<Json> readJsonFile(const std::string& path, std::size_t maxBytes,
         }
         return std::nullopt;
     };
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored)) {
+        return failWith("is a directory");
+    }
+    errno = 0;
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        return failWith("cannot be read");
+        const int reason = errno;
+        return failWith(reason != 0 ? std::string("cannot be read: ") + std::strerror(reason)
+                                    : std::string("cannot be read"));
     }
     std::string text;
     char buffer[65536];
