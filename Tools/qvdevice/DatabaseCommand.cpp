@@ -213,7 +213,7 @@ void printEntry(std::ostream& out, const QVDeviceDatabaseEntry& entry,
 int runShow(const DatabaseOptions& options, CommandContext& context) {
     if (options.quorvelID <= 0 || options.quorvelID > std::numeric_limits<std::int32_t>::max()) {
         context.err << "qvdevice db show: " << options.quorvelID
-                    << " is not a Quorvel ID (it must be greater than 0)\n";
+                    << " is not a Quorvel ID (a whole number from 1 to 2147483647)\n";
         return kExitProblems;
     }
     std::optional<std::string> path = databasePath(options.file, "show", context);
