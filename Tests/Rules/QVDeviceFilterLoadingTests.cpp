@@ -1,7 +1,11 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <future>
 #include <set>
 #include <string>
 #include <vector>
@@ -87,6 +91,22 @@ TEST(QVDeviceFilterLoadingTests, UndecipherableOrUnreadableFilesAllowEverything)
     EXPECT_TRUE(
         QVDeviceFilter::tryToGetPropertyListFromContentsOfFile(dir.file("empty.plist")).isNil());
     EXPECT_EQ(log.lines.size(), 2u);
+
+    // A FIFO among the rules has no writer: reading it must not hold up the host. Should the read
+    // wait after all, a writer comes along after five seconds so that the test fails, not hangs.
+    ASSERT_EQ(mkfifo(dir.file("pipe.plist").c_str(), 0600), 0);
+    auto read = std::async(std::launch::async, [&] {
+        return QVDeviceFilter::tryToGetPropertyListFromContentsOfFile(dir.file("pipe.plist"));
+    });
+    if (read.wait_for(std::chrono::seconds(5)) == std::future_status::timeout) {
+        ADD_FAILURE() << "reading a FIFO waited for a writer";
+        int writer = open(dir.file("pipe.plist").c_str(), O_WRONLY | O_NONBLOCK);
+        close(writer);
+    }
+    EXPECT_TRUE(read.get().isNil());
+    EXPECT_EQ(log.lines.size(), 3u);
+    std::filesystem::remove(dir.file("pipe.plist"));
+
     rulestest::writeFile(dir.file("secret.plist"), kAllowOnly5059);
     chmod(dir.file("secret.plist").c_str(), 0);
     if (access(dir.file("secret.plist").c_str(), R_OK) != 0) {

@@ -10,34 +10,14 @@
 #include <filesystem>
 #include <vector>
 
+#include "Foundation/BoundedFileReader.h"
+
 namespace qvdevice {
 
 namespace {
 
 std::string systemError(const std::string& what, const std::string& path) {
     return what + " " + path + ": " + std::strerror(errno);
-}
-
-// Reads to the end, or fails once more than `limit` bytes arrived.
-bool readAll(int fd, std::size_t limit, qv::Data& bytes) {
-    std::uint8_t buffer[65536];
-    for (;;) {
-        ssize_t count = ::read(fd, buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            return false;
-        }
-        if (count == 0) {
-            return true;
-        }
-        if (bytes.size() + static_cast<std::size_t>(count) > limit) {
-            errno = EFBIG;
-            return false;
-        }
-        bytes.insert(bytes.end(), buffer, buffer + count);
-    }
 }
 
 bool writeAll(int fd, const qv::Data& bytes) {
@@ -65,34 +45,17 @@ mode_t currentUmask() {
 
 std::optional<qv::Data> readRulesInput(const std::string& path, std::size_t limit,
                                        std::string& error) {
-    qv::Data bytes;
-    if (path == "-") {
-        if (!readAll(STDIN_FILENO, limit, bytes)) {
-            error = systemError("cannot read", "standard input");
-            return std::nullopt;
-        }
-        return bytes;
-    }
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        error = systemError("cannot open", path);
+    const bool standardInput = path == "-";
+    std::string reason;
+    const std::optional<std::string> bytes =
+        standardInput ? qv::readDescriptorUpTo(STDIN_FILENO, limit, &reason)
+                      : qv::readFileUpTo(path, limit, qv::FileKinds::AnyReadable, &reason);
+    if (!bytes) {
+        error =
+            "cannot read " + (standardInput ? std::string("standard input") : path) + ": " + reason;
         return std::nullopt;
     }
-    struct stat info {};
-    bool ok = ::fstat(fd, &info) == 0;
-    if (ok && S_ISDIR(info.st_mode)) {
-        errno = EISDIR;
-        ok = false;
-    }
-    ok = ok && readAll(fd, limit, bytes);
-    if (!ok) {
-        error = systemError("cannot read", path);
-    }
-    ::close(fd);
-    if (!ok) {
-        return std::nullopt;
-    }
-    return bytes;
+    return qv::Data(bytes->begin(), bytes->end());
 }
 
 bool writeRulesOutputAtomically(const std::string& path, const qv::Data& bytes,

@@ -1,11 +1,9 @@
 #include "JsonValue.h"
 
-#include <cerrno>
 #include <cmath>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <vector>
+
+#include "BoundedFileReader.h"
 
 namespace qv {
 
@@ -203,26 +201,13 @@ std::optional<Json> readJsonFile(const std::string& path, std::size_t maxBytes,
         }
         return std::nullopt;
     };
-    std::error_code ignored;
-    if (std::filesystem::is_directory(path, ignored)) {
-        return failWith("is a directory");
+    std::string reason;
+    const std::optional<std::string> text =
+        readFileUpTo(path, maxBytes, FileKinds::AnyReadable, &reason);
+    if (!text) {
+        return failWith(reason);
     }
-    errno = 0;
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        const int reason = errno;
-        return failWith(reason != 0 ? std::string("cannot be read: ") + std::strerror(reason)
-                                    : std::string("cannot be read"));
-    }
-    std::string text;
-    char buffer[65536];
-    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-        text.append(buffer, static_cast<std::size_t>(in.gcount()));
-        if (text.size() > maxBytes) {
-            return failWith("larger than " + std::to_string(maxBytes >> 20) + " MiB");
-        }
-    }
-    Json json = Json::parse(text, nullptr, false);
+    Json json = Json::parse(*text, nullptr, false);
     if (json.is_discarded()) {
         return failWith("not valid JSON");
     }

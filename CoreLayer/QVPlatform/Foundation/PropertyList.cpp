@@ -1,8 +1,7 @@
 // Reading a property list whose form is not known in advance, and reading one from a file.
 #include "PropertyList.h"
 
-#include <fstream>
-
+#include "BoundedFileReader.h"
 #include "Format.h"
 
 namespace qv {
@@ -49,25 +48,13 @@ PropertyListResult readPropertyList(const Data& bytes) {
 }
 
 PropertyListResult readPropertyListFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        return {Value(), format("cannot open %s", path)};
+    std::string reason;
+    const std::optional<std::string> bytes =
+        readFileUpTo(path, kMaxPropertyListSize, FileKinds::AnyReadable, &reason);
+    if (!bytes) {
+        return {Value(), format("%s: %s", path, reason)};
     }
-    // Stop one chunk past the limit, so an oversized file (or a device node that never ends) is
-    // refused without reading it all.
-    std::string bytes;
-    char chunk[64 * 1024];
-    while (bytes.size() <= kMaxPropertyListSize && file) {
-        file.read(chunk, sizeof chunk);
-        bytes.append(chunk, static_cast<std::size_t>(file.gcount()));
-    }
-    if (file.bad()) {
-        return {Value(), format("cannot read %s", path)};
-    }
-    if (bytes.size() > kMaxPropertyListSize) {
-        return {Value(), format("%s: larger than %zu bytes", path, kMaxPropertyListSize)};
-    }
-    PropertyListResult result = readPropertyList(bytes);
+    PropertyListResult result = readPropertyList(*bytes);
     if (!result.ok()) {
         result.error = format("%s: %s", path, result.error);
     }

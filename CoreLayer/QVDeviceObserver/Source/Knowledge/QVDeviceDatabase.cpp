@@ -1,9 +1,9 @@
 #include "Knowledge/QVDeviceDatabase.h"
 
 #include <array>
-#include <fstream>
 #include <utility>
 
+#include "Foundation/BoundedFileReader.h"
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
 #include "Foundation/Platform.h"
@@ -68,19 +68,9 @@ std::shared_ptr<QVDeviceDatabase> QVDeviceDatabase::databaseFromPropertyListStri
 }
 
 std::optional<std::string> QVDeviceDatabase::readDatabaseText(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        return std::nullopt;
-    }
-    // Read at most one byte past the limit, so a huge file or an endless device node is refused
-    // without reading it all.
-    std::string text(qv::kMaxPropertyListSize + 1, '\0');
-    file.read(text.data(), static_cast<std::streamsize>(text.size()));
-    if (file.bad()) {
-        return std::nullopt;
-    }
-    text.resize(static_cast<std::size_t>(file.gcount()));
-    if (text.size() > qv::kMaxPropertyListSize || !qv::isValidUTF8(text)) {
+    std::optional<std::string> text =
+        qv::readFileUpTo(path, qv::kMaxPropertyListSize, qv::FileKinds::AnyReadable, nullptr);
+    if (!text || !qv::isValidUTF8(*text)) {
         return std::nullopt;
     }
     return text;

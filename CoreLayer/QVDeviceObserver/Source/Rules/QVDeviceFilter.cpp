@@ -1,12 +1,11 @@
 #include "Rules/QVDeviceFilter.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <system_error>
 
+#include "Foundation/BoundedFileReader.h"
 #include "Foundation/Logging.h"
 #include "Foundation/PropertyList.h"
 #include "Foundation/Regex.h"
@@ -48,29 +47,16 @@ bool detailEquals(const qv::Value& detail, const qv::Value& ruleValue) {
 }
 
 // The whole file, or nothing when it cannot be read or is larger than any rules file the
-// property-list reader would accept, enciphered or not.
+// property-list reader would accept, enciphered or not. Only a regular file: a FIFO dropped
+// among the rules must not stall the host's run loop.
 std::optional<qv::Data> contentsOfFile(const std::string& path) {
-    const std::size_t limit = encipheredSizeForLength(qv::kMaxPropertyListSize);
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const std::optional<std::string> bytes =
+        qv::readFileUpTo(path, encipheredSizeForLength(qv::kMaxPropertyListSize),
+                         qv::FileKinds::RegularOnly, nullptr);
+    if (!bytes) {
         return std::nullopt;
     }
-    struct stat info {};
-    std::optional<qv::Data> contents;
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
-        static_cast<std::uintmax_t>(info.st_size) <= limit) {
-        qv::Data bytes;
-        std::uint8_t buffer[16384];
-        ssize_t count = 0;
-        while ((count = ::read(fd, buffer, sizeof buffer)) > 0 && bytes.size() <= limit) {
-            bytes.insert(bytes.end(), buffer, buffer + count);
-        }
-        if (count == 0 && bytes.size() <= limit) {
-            contents = std::move(bytes);
-        }
-    }
-    ::close(fd);
-    return contents;
+    return qv::Data(bytes->begin(), bytes->end());
 }
 
 // The last path component less its extension ("/rules/com.example.Connect.plist" gives
