@@ -20,8 +20,8 @@ using CommandAdder = void (*)(CLI::App& app, CommandContext& context);
 // touches the others:  const bool registered = registerCommand("table", addTableCommand);
 bool registerCommand(const char* name, CommandAdder adder);
 
-// Virtual seconds from the command line: a finite number from 0 to `maximum`. CLI11's range
-// check alone lets "nan" through, since every comparison with NaN is false.
-CLI::Validator virtualSeconds(double maximum);
+// Virtual seconds from the command line: a finite number from 0 to kMaxVirtualSeconds. CLI11's
+// range check alone lets "nan" through, since every comparison with NaN is false.
+CLI::Validator virtualSeconds();
 
 }  // namespace qvdevice

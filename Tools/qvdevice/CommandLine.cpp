@@ -7,6 +7,7 @@
 #include <string>
 
 #include "CommandContext.h"
+#include "SimulationScenario.h"
 
 namespace qvdevice {
 
@@ -25,16 +26,16 @@ bool registerCommand(const char* name, CommandAdder adder) {
     return true;
 }
 
-CLI::Validator virtualSeconds(double maximum) {
+CLI::Validator virtualSeconds() {
     return CLI::Validator(
-        [maximum](std::string& text) {
+        [](std::string& text) {
             double seconds = 0.0;
             if (CLI::detail::lexical_cast(text, seconds) && std::isfinite(seconds) &&
-                seconds >= 0.0 && seconds <= maximum) {
+                seconds >= 0.0 && seconds <= kMaxVirtualSeconds) {
                 return std::string();
             }
             return "not a number of seconds from 0 to " +
-                   std::to_string(static_cast<long long>(maximum)) + ": " + text;
+                   std::to_string(static_cast<long long>(kMaxVirtualSeconds)) + ": " + text;
         },
         "SECONDS");
 }

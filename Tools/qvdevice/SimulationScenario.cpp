@@ -50,8 +50,10 @@ bool readSeconds(const qv::Json& json, const std::string& where, double& out, st
         return fail(error, where, "must be a number of seconds");
     }
     out = json.get<double>();
-    if (!std::isfinite(out) || out < 0.0 || out > 1e7) {
-        return fail(error, where, "must be between 0 and 10000000 seconds");
+    if (!std::isfinite(out) || out < 0.0 || out > kMaxVirtualSeconds) {
+        return fail(error, where,
+                    "must be between 0 and " +
+                        std::to_string(static_cast<long long>(kMaxVirtualSeconds)) + " seconds");
     }
     return true;
 }

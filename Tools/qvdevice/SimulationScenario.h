@@ -14,6 +14,9 @@
 
 namespace qvdevice {
 
+// The longest virtual time a scenario or the command line may ask to play: about 115 days.
+inline constexpr double kMaxVirtualSeconds = 1e7;
+
 struct SimulationOptions {
     std::optional<std::string> database;  // path; the shipped database when absent
     std::optional<qv::Value> rules;       // an array of rule dictionaries

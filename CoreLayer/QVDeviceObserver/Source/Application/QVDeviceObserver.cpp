@@ -24,9 +24,20 @@ struct LiveObservers {
     std::set<const void*> addresses;
 };
 
+// Never destroyed: an observer that a static elsewhere holds may die after this file's statics.
 LiveObservers& liveObservers() {
-    static LiveObservers live;
-    return live;
+    static auto* live = new LiveObservers;
+    return *live;
+}
+
+void setAlive(const QVDeviceObserver* observer, bool alive) {
+    LiveObservers& live = liveObservers();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    if (alive) {
+        live.addresses.insert(observer);
+    } else {
+        live.addresses.erase(observer);
+    }
 }
 
 // A record without a name prints as nil does.
@@ -65,11 +76,7 @@ QVDeviceObserver* QVDeviceObserver::liveObserverFromContext(void* context) {
 
 QVDeviceObserver::QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor)
     : _deviceMonitor(std::move(monitor)) {
-    {
-        LiveObservers& live = liveObservers();
-        std::lock_guard<std::mutex> lock(live.mutex);
-        live.addresses.insert(this);
-    }
+    setAlive(this, true);
     if (_deviceMonitor) {
         _deviceMonitor->setDelegate(this);
     }
@@ -77,11 +84,7 @@ QVDeviceObserver::QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor)
 }
 
 QVDeviceObserver::~QVDeviceObserver() {
-    {
-        LiveObservers& live = liveObservers();
-        std::lock_guard<std::mutex> lock(live.mutex);
-        live.addresses.erase(this);
-    }
+    setAlive(this, false);
     if (_deviceMonitor && _deviceMonitor->delegate() == this) {
         _deviceMonitor->setDelegate(nullptr);
     }
