@@ -132,6 +132,9 @@ bool readOptions(const qv::Json& json, SimulationOptions& options, std::string* 
             if (!readSeconds(value, where, until, error))
                 return false;
             options.until = until;
+        } else if (bool bad = false; options.preparation.readOption(key, value, error, &bad)) {
+            if (bad)
+                return false;
         } else {
             return fail(error, "options", "unknown key \"" + key + "\"");
         }
@@ -157,7 +160,7 @@ std::optional<SimulationScenario> SimulationScenario::fromJson(const qv::Json& j
             if (!readOptions(value, scenario.options, error))
                 return std::nullopt;
         } else if (key == "timeline") {
-            auto timeline = qv::ScriptedTimeline::fromJson(value, error);
+            auto timeline = scenario.options.preparation.readTimeline(value, error);
             if (!timeline)
                 return std::nullopt;
             scenario.timeline = std::move(*timeline);

@@ -11,6 +11,7 @@
 #include "Foundation/JsonValue.h"
 #include "Foundation/Value.h"
 #include "IOKit/ScriptedTimeline.h"
+#include "PreparationScenario.h"
 
 namespace qvdevice {
 
@@ -29,6 +30,7 @@ struct SimulationOptions {
     std::optional<bool> autorepeatNetInfo;
     std::set<std::string> runningApplications;
     std::optional<double> until;
+    PreparationScenario preparation;  // "enabler", "mounts", "modeSwitches"; mount events
 };
 
 struct SimulationScenario {

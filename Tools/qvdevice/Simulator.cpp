@@ -14,6 +14,7 @@
 #include "IOKit/Registry.h"
 #include "IOKit/ScriptedFeeder.h"
 #include "Model/QVDevice.h"
+#include "PreparationStory.h"
 #include "QVGsmKit/GsmBackend.h"
 #include "QVGsmKit/ScriptedGsmBackend.h"
 #include "Recognition/QVDeviceMonitor.h"
@@ -274,9 +275,13 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
         qv::NotificationCenter::defaultCenter().addObserver("", [&](const qv::Notification& note) {
             recorder.add("notification", qv::Json{{"name", note.name}});
         });
+    std::unique_ptr<PreparationStory> preparation;
     auto launcher = std::make_shared<qv::RecordingTaskLauncher>();
     launcher->setObserver([&](const qv::RecordingTaskLauncher::Record& record) {
         recorder.add("exec", qv::Json{{"argv", record.argv}});
+        if (preparation) {
+            preparation->programStarted(record);
+        }
     });
     qv::TaskLauncher::setShared(launcher);
     qv::Workspace::setShared(std::make_shared<qv::FixedWorkspace>(options.runningApplications));
@@ -317,13 +322,18 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
 
     qv::ScriptedFeeder feeder(qv::Registry::shared(), scenario.timeline);
     feeder.schedule(*loop, origin);
+    preparation = std::make_unique<PreparationStory>(options.preparation, qv::Registry::shared(),
+                                                     feeder, *loop, origin);
     observer->start();
+    preparation->startApplication();
     if (options.startQueue) {
         QVPrioQueue::getInstance()->startExecution();
     }
 
     const double end =
-        origin + until.value_or(options.until.value_or(scenario.timeline.endTime() + kDefaultTail));
+        origin + until.value_or(options.until.value_or(
+                     std::max(scenario.timeline.endTime(), options.preparation.endTime()) +
+                     kDefaultTail));
     while (!terminated && loop->now() < end) {
         double next = loop->nextFireTime();
         try {
@@ -347,6 +357,7 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     qv::setStandardOutputSink([](const std::string&) {});
     backend->setObserver({});
     launcher->setObserver({});
+    preparation.reset();
     observer->setDelegate(nullptr);
     observer->stop();
     result.events = recorder.take();

@@ -47,15 +47,19 @@ void ScriptedFeeder::apply(const ScriptedTimeline::Event& event) {
         case ScriptedTimeline::Event::Kind::Remove: {
             registry_.removeEntry(handleFor(event.id));
             // Forget every id whose entry left the tree with it.
-            for (auto it = handles_.begin(); it != handles_.end();) {
-                it = registry_.isAttached(it->second) ? std::next(it) : handles_.erase(it);
-            }
+            forgetDetachedIds();
             break;
         }
     }
     ++applied_;
     if (observer_) {
         observer_(event);
+    }
+}
+
+void ScriptedFeeder::forgetDetachedIds() {
+    for (auto it = handles_.begin(); it != handles_.end();) {
+        it = registry_.isAttached(it->second) ? std::next(it) : handles_.erase(it);
     }
 }
 

@@ -29,6 +29,14 @@ class ScriptedFeeder {
     void apply(const ScriptedTimeline::Event& event);
     void setEventObserver(EventObserver observer) { observer_ = std::move(observer); }
 
+    // Adds an entry tree below `parent` outside the timeline (a stick that comes back in another
+    // mode); its ids become known to later events like those of the timeline's own adds.
+    io_registry_entry_t addEntry(io_registry_entry_t parent, const ScriptedTimeline::Entry& entry) {
+        return add(parent, entry);
+    }
+    // Forgets the ids of entries that left the registry by other means than a timeline event.
+    void forgetDetachedIds();
+
     // The registry handle of a script id, or IO_OBJECT_NULL while it is not present.
     io_registry_entry_t handleFor(const std::string& id) const;
     bool finished() const { return applied_ == timeline_.events().size(); }

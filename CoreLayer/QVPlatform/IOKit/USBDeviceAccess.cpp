@@ -1,5 +1,7 @@
 #include "USBDeviceAccess.h"
 
+#include "LibusbUSBDeviceAccess.h"
+
 #include <mutex>
 #include <utility>
 
@@ -13,7 +15,7 @@ std::shared_ptr<USBDeviceAccess> gAccess;
 USBDeviceAccess& USBDeviceAccess::shared() {
     std::lock_guard<std::mutex> lock(gAccessMutex);
     if (!gAccess) {
-        gAccess = std::make_shared<UnsupportedUSBDeviceAccess>();
+        gAccess = std::make_shared<LibusbUSBDeviceAccess>();
     }
     return *gAccess;
 }

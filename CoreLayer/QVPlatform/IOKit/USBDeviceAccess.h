@@ -1,9 +1,8 @@
 // qv::USBDeviceAccess: the seam behind the USB device user client.
 // IOCreatePlugInInterfaceForService (IOCFPlugIn.h) asks the process's backend for a device
-// interface to a registry entry of class IOUSBDevice. The Linux backend (usbfs / sysfs) is a
-// separate piece; until one is installed the unsupported backend answers every request with
-// kIOReturnUnsupported, and tests and the simulator install a recording one
-// (RecordingUSBDeviceAccess.h).
+// interface to a registry entry of class IOUSBDevice. By default that is the libusb backend
+// (LibusbUSBDeviceAccess.h); tests and the simulator install a recording one
+// (RecordingUSBDeviceAccess.h), and the unsupported one below reaches no device.
 //
 // Contract of deviceInterface(): called on the thread that creates the plug-in; answers a new
 // interface, or nullptr with a non-zero status. It must not block for long (no device I/O: opening
@@ -31,7 +30,7 @@ class USBDeviceAccess {
         const USBDeviceDescription& device, IOReturn* status) = 0;
 
     static USBDeviceAccess& shared();
-    // nullptr restores the default backend.
+    // nullptr restores the default (libusb) backend.
     static void setShared(std::shared_ptr<USBDeviceAccess> access);
 };
 

@@ -1,0 +1,172 @@
+#include "QVZTESerialPortsEnabler.h"
+
+#include <algorithm>
+
+#include "Foundation/Logging.h"
+#include "Foundation/Platform.h"
+#include "Foundation/Task.h"
+#include "IOKit/IOCFPlugIn.h"
+#include "IOKit/IOKitLib.h"
+#include "Preparation/QVDriverDiskEjector.h"
+#include "Preparation/QVSystemHelper.h"
+
+namespace {
+
+constexpr std::int32_t kZTE = 0x19D2;
+constexpr std::int32_t kOption = 0x0AF0;
+constexpr std::int32_t kHuawei = 0x12D1;
+// The one model that is re-enumerated when it still shows no ports after its CD went.
+constexpr std::int32_t kReEnumeratedProduct = 0x7501;
+
+// 0x1F1A is left out on purpose: it is neither subscribed nor switched.
+constexpr std::int32_t kHuaweiQuickStartProducts[] = {0x1F15, 0x1F16, 0x1F17, 0x1F18, 0x1F19,
+                                                      0x1F1B, 0x1F1C, 0x1F1D, 0x1F1E};
+
+std::uint32_t hex(std::int64_t value) {
+    return static_cast<std::uint32_t>(value);
+}
+
+}  // namespace
+
+const std::vector<QVZTESerialPortsEnabler::Model>& QVZTESerialPortsEnabler::subscribedModels() {
+    static const std::vector<Model> models = [] {
+        std::vector<Model> list;
+        for (std::int32_t product : {0x0040, 0x2000, 0x1001, 0x1171, 0x1013, 0x1175, 0x1179,
+                                     0x0101, 0x0115, 0x1007, 0x1009, 0x1017}) {
+            list.push_back({kZTE, product});
+        }
+        list.push_back({kOption, kReEnumeratedProduct});
+        for (std::int32_t product : kHuaweiQuickStartProducts) {
+            list.push_back({kHuawei, product});
+        }
+        return list;
+    }();
+    return models;
+}
+
+void QVZTESerialPortsEnabler::startEnableSerialPortsForDevices() {
+    for (const Model& model : subscribedModels()) {
+        listenForNotificationsForVendorID(model.vendorID, model.productID);
+    }
+}
+
+void QVZTESerialPortsEnabler::handleDevice(const std::shared_ptr<QVIODevice>& device) {
+    device->updateFromIORegistry();
+    // Until its CD is mounted the stick has not finished coming up in storage mode.
+    const std::string* driverDisk = device->driverDiskName().asString();
+    if (!device->hasDriverVolume() || driverDisk == nullptr || !isVolumeMounted(*driverDisk)) {
+        return;
+    }
+    qv::logRecognition("Enabling SerialPorts for device: %@", device);
+    if (needsHuaweiQuickStartSwitcher(device)) {
+        ejectHuaweiQS(device);
+        removeDevice(device);
+        return;
+    }
+    // Copied: the device may be refreshed by someone else while the programs run.
+    const std::string cd = *driverDisk;
+    runDiskUtility({"unmountDisk", "force", cd});
+    runDiskUtility({"eject", cd});
+    const std::string* secondary = device->secondaryDiskName().asString();
+    if (_ejectSecondaryDisk && device->hasSecondaryVolume() && secondary != nullptr &&
+        isVolumeMounted(*secondary)) {
+        const std::string disk = *secondary;
+        qv::logRecognition("Eject secondary disk for device: %@", device);
+        runDiskUtility({"unmountDisk", "force", disk});
+        runDiskUtility({"eject", disk});
+    }
+    reEnumerateIfNoPorts(device, kOption, kReEnumeratedProduct);
+    removeDevice(device);
+}
+
+bool QVZTESerialPortsEnabler::needsHuaweiQuickStartSwitcher(
+    const std::shared_ptr<QVIODevice>& device) const {
+    if (!device || device->vendorID() != kHuawei) {
+        return false;
+    }
+    return std::find(std::begin(kHuaweiQuickStartProducts), std::end(kHuaweiQuickStartProducts),
+                     device->productID()) != std::end(kHuaweiQuickStartProducts);
+}
+
+void QVZTESerialPortsEnabler::ejectHuaweiQS(const std::shared_ptr<QVIODevice>& device) {
+    if (!device) {
+        return;
+    }
+    std::string argument = qv::format("/pid=,%x", hex(device->productID()));
+    qv::TaskLauncher::shared().launch(cardPrepToolPath(), {argument});
+}
+
+bool QVZTESerialPortsEnabler::isVolumeMounted(const std::string& bsdName) const {
+    return !volumeNameForBSD(bsdName).isNil();
+}
+
+void QVZTESerialPortsEnabler::reEnumerateIfNoPorts(const std::shared_ptr<QVIODevice>& device,
+                                                   std::int32_t theVendor, std::int32_t prod) {
+    if (!device || device->vendorID() != theVendor || device->productID() != prod) {
+        return;
+    }
+    // The TTY names decide here, not the callout paths.
+    if (device->ports().empty()) {
+        doReEnumerate_vid(theVendor, prod);
+    }
+}
+
+void QVZTESerialPortsEnabler::doReEnumerate_vid(std::int32_t vid, std::int32_t prod) {
+    mach_port_t masterPort = MACH_PORT_NULL;
+    if (IOMasterPort(bootstrap_port, &masterPort) != KERN_SUCCESS) {
+        return;
+    }
+    CFMutableDictionaryRef matching = IOServiceMatching("IOUSBDevice");
+    if (!matching.isDictionary()) {
+        return;
+    }
+    matching.set("idVendor", vid);
+    matching.set("idProduct", prod);
+    io_iterator_t iterator = IO_OBJECT_NULL;
+    IOServiceGetMatchingServices(masterPort, matching, &iterator);
+    while (io_service_t service = IOIteratorNext(iterator)) {
+        qv::writeToStandardOutput(qv::format("Found device for reEnumerate 0x%x", hex(service)));
+        std::shared_ptr<IOCFPlugInInterface> plugIn;
+        std::int32_t score = 0;
+        IOCreatePlugInInterfaceForService(service, kIOUSBDeviceUserClientTypeID,
+                                          kIOCFPlugInInterfaceID, &plugIn, &score);
+        kern_return_t released = IOObjectRelease(service);
+        if (released != KERN_SUCCESS || !plugIn) {
+            qv::writeToStandardOutput(
+                qv::format("unable to create a plugin (%08x)", hex(released)));
+            continue;
+        }
+        std::shared_ptr<IOUSBDeviceInterface> deviceInterface;
+        HRESULT queried = plugIn->QueryInterface(kIOUSBDeviceInterfaceID, &deviceInterface);
+        IODestroyPlugInInterface(plugIn);
+        if (queried != S_OK || !deviceInterface) {
+            qv::writeToStandardOutput(
+                qv::format("couldn't create a device interface (%08x)", hex(queried)));
+            continue;
+        }
+        IOReturn opened = deviceInterface->USBDeviceOpen();
+        if (opened == kIOReturnSuccess) {
+            deviceInterface->USBDeviceReEnumerate(0);
+        } else {
+            qv::writeToStandardOutput(qv::format("unable to open interface err:%08x", hex(opened)));
+        }
+        // Released without closing: the re-enumeration makes the device leave and come back.
+        deviceInterface.reset();
+    }
+    IOObjectRelease(iterator);
+    mach_port_deallocate(mach_task_self(), masterPort);
+}
+
+std::string QVZTESerialPortsEnabler::diskUtilityPath() const {
+    return _diskUtilityPath ? *_diskUtilityPath
+                            : qv::Bundle::pathForHelperTool(QVDriverDiskEjector::kDiskUtilityName);
+}
+
+std::string QVZTESerialPortsEnabler::cardPrepToolPath() const {
+    return _cardPrepToolPath ? *_cardPrepToolPath
+                             : qv::Bundle::pathForHelperTool(kCardPrepToolName);
+}
+
+void QVZTESerialPortsEnabler::runDiskUtility(std::vector<std::string> arguments) const {
+    qv::TaskLauncher::shared().run(diskUtilityPath(), arguments);
+}

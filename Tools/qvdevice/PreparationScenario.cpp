@@ -1,0 +1,260 @@
+#include "PreparationScenario.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "SimulationScenario.h"
+
+namespace qvdevice {
+
+namespace {
+
+bool fail(std::string* error, const std::string& where, const std::string& message) {
+    if (error != nullptr) {
+        *error = where + ": " + message;
+    }
+    return false;
+}
+
+bool readSeconds(const qv::Json& json, const std::string& where, double* out, std::string* error) {
+    if (!json.is_number() || !std::isfinite(json.get<double>()) || json.get<double>() < 0.0 ||
+        json.get<double>() > kMaxVirtualSeconds) {
+        return fail(error, where,
+                    "must be a number of seconds between 0 and " +
+                        std::to_string(static_cast<long long>(kMaxVirtualSeconds)));
+    }
+    *out = json.get<double>();
+    return true;
+}
+
+bool readID(const qv::Json& json, const std::string& where, std::int32_t* out, std::string* error) {
+    if (!json.is_number_integer() || json.get<long long>() < 0 ||
+        json.get<long long>() > 0xFFFF) {
+        return fail(error, where, "must be a USB ID from 0 to 65535");
+    }
+    *out = static_cast<std::int32_t>(json.get<long long>());
+    return true;
+}
+
+bool readDiskName(const qv::Json& json, const std::string& where, std::string* out,
+                  std::string* error) {
+    if (!json.is_string() || !PreparationScenario::isDiskName(json.get<std::string>())) {
+        return fail(error, where, "must be a kernel disk name such as \"sdb1\" or \"sr0\"");
+    }
+    *out = json.get<std::string>();
+    return true;
+}
+
+bool readMountPoint(const qv::Json& json, const std::string& where, std::string* out,
+                    std::string* error) {
+    if (!json.is_string() || json.get_ref<const std::string&>().empty() ||
+        json.get_ref<const std::string&>().front() != '/' ||
+        json.get_ref<const std::string&>().find('\0') != std::string::npos) {
+        return fail(error, where, "must be an absolute path");
+    }
+    *out = json.get<std::string>();
+    return true;
+}
+
+// An entry in the registry timeline's form, checked by the timeline's own reader.
+bool readEntry(const qv::Json& json, const std::string& where, qv::ScriptedTimeline::Entry* out,
+               std::string* error) {
+    qv::Json timeline = qv::Json::array();
+    timeline.push_back({{"at", 0}, {"add", {{"parent", nullptr}, {"entry", json}}}});
+    std::string message;
+    auto parsed = qv::ScriptedTimeline::fromJson(timeline, &message);
+    if (!parsed) {
+        const std::string prefix = "timeline[0].add.entry";
+        if (message.rfind(prefix, 0) == 0) {
+            message = message.substr(prefix.size());
+            if (message.rfind(": ", 0) == 0) {
+                message = message.substr(2);
+            }
+        }
+        return fail(error, where, message);
+    }
+    *out = parsed->events().front().entry;
+    if (out->className != "IOUSBDevice") {
+        return fail(error, where, "must be an IOUSBDevice entry");
+    }
+    return true;
+}
+
+bool readModeSwitch(const qv::Json& json, const std::string& where,
+                    PreparationScenario::ModeSwitch* out, std::string* error) {
+    if (!json.is_object()) {
+        return fail(error, where, "must be an object with vendor, product, after and becomes");
+    }
+    bool haveVendor = false;
+    bool haveProduct = false;
+    bool haveBecomes = false;
+    for (const auto& [key, value] : json.items()) {
+        const std::string place = where + "." + key;
+        if (key == "vendor") {
+            haveVendor = readID(value, place, &out->vendor, error);
+            if (!haveVendor)
+                return false;
+        } else if (key == "product") {
+            haveProduct = readID(value, place, &out->product, error);
+            if (!haveProduct)
+                return false;
+        } else if (key == "after") {
+            if (!readSeconds(value, place, &out->after, error))
+                return false;
+        } else if (key == "becomes") {
+            haveBecomes = readEntry(value, place, &out->becomes, error);
+            if (!haveBecomes)
+                return false;
+        } else {
+            return fail(error, where, "unknown key \"" + key + "\"");
+        }
+    }
+    if (!haveVendor || !haveProduct || !haveBecomes) {
+        return fail(error, where, "needs vendor, product and becomes");
+    }
+    return true;
+}
+
+}  // namespace
+
+bool PreparationScenario::isDiskName(const std::string& name) {
+    if (name.empty() || name.size() > 31 || name.front() == '-' || name.front() == '.' ||
+        name.find("..") != std::string::npos) {
+        return false;
+    }
+    return std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == '_' || c == '-' || c == '.';
+    });
+}
+
+bool PreparationScenario::readOption(const std::string& key, const qv::Json& value,
+                                     std::string* error, bool* bad) {
+    const std::string where = "options." + key;
+    *bad = true;
+    if (key == "enabler") {
+        if (!value.is_object()) {
+            fail(error, where, "must be an object such as {\"ejectSecondaryDisk\": false}");
+            return true;
+        }
+        bool eject = false;
+        for (const auto& [name, flag] : value.items()) {
+            if (name != "ejectSecondaryDisk") {
+                fail(error, where, "unknown key \"" + name + "\"");
+                return true;
+            }
+            if (!flag.is_boolean()) {
+                fail(error, where + "." + name, "must be true or false");
+                return true;
+            }
+            eject = flag.get<bool>();
+        }
+        enablerEjectsSecondaryDisk = eject;
+    } else if (key == "mounts") {
+        if (!value.is_object()) {
+            fail(error, where, "must be an object of kernel disk names and mount points");
+            return true;
+        }
+        for (const auto& [name, path] : value.items()) {
+            std::string disk;
+            std::string mountPoint;
+            if (!readDiskName(name, where, &disk, error) ||
+                !readMountPoint(path, where + "." + name, &mountPoint, error)) {
+                return true;
+            }
+            mounts.emplace_back(disk, mountPoint);
+        }
+    } else if (key == "modeSwitches") {
+        if (!value.is_array()) {
+            fail(error, where, "must be an array of mode switches");
+            return true;
+        }
+        for (std::size_t i = 0; i < value.size(); ++i) {
+            ModeSwitch modeSwitch;
+            if (!readModeSwitch(value[i], where + "[" + std::to_string(i) + "]", &modeSwitch,
+                                error)) {
+                return true;
+            }
+            modeSwitches.push_back(std::move(modeSwitch));
+        }
+    } else {
+        *bad = false;
+        return false;
+    }
+    *bad = false;
+    return true;
+}
+
+std::optional<qv::ScriptedTimeline> PreparationScenario::readTimeline(const qv::Json& timeline,
+                                                                      std::string* error) {
+    if (!timeline.is_array()) {
+        return qv::ScriptedTimeline::fromJson(timeline, error);
+    }
+    qv::Json registryEvents = qv::Json::array();
+    std::vector<std::size_t> places;  // index in the file of each registry event
+    for (std::size_t i = 0; i < timeline.size(); ++i) {
+        const qv::Json& event = timeline[i];
+        const std::string where = "timeline[" + std::to_string(i) + "]";
+        bool isMount = event.is_object() && (event.contains("mount") || event.contains("unmount"));
+        if (!isMount) {
+            registryEvents.push_back(event);
+            places.push_back(i);
+            continue;
+        }
+        MountEvent mountEvent;
+        if (event.size() != 2 || !event.contains("at")) {
+            fail(error, where, "a mount event has \"at\" and one of \"mount\" or \"unmount\"");
+            return std::nullopt;
+        }
+        if (!readSeconds(event["at"], where + ".at", &mountEvent.at, error)) {
+            return std::nullopt;
+        }
+        if (event.contains("unmount")) {
+            mountEvent.mount = false;
+            if (!readDiskName(event["unmount"], where + ".unmount", &mountEvent.disk, error)) {
+                return std::nullopt;
+            }
+        } else {
+            const qv::Json& mount = event["mount"];
+            if (!mount.is_object() || mount.size() != 2 || !mount.contains("disk") ||
+                !mount.contains("path")) {
+                fail(error, where + ".mount", "must be {\"disk\": NAME, \"path\": PATH}");
+                return std::nullopt;
+            }
+            if (!readDiskName(mount["disk"], where + ".mount.disk", &mountEvent.disk, error) ||
+                !readMountPoint(mount["path"], where + ".mount.path", &mountEvent.path, error)) {
+                return std::nullopt;
+            }
+        }
+        mountEvents.push_back(std::move(mountEvent));
+    }
+    std::stable_sort(mountEvents.begin(), mountEvents.end(),
+                     [](const MountEvent& a, const MountEvent& b) { return a.at < b.at; });
+    std::string message;
+    auto parsed = qv::ScriptedTimeline::fromJson(registryEvents, &message);
+    if (!parsed) {
+        // The registry reader counted without the mount events: name the event as the file does.
+        std::size_t index = 0;
+        std::size_t consumed = 0;
+        const std::string prefix = "timeline[";
+        if (message.rfind(prefix, 0) == 0) {
+            try {
+                index = std::stoul(message.substr(prefix.size()), &consumed);
+            } catch (const std::exception&) {
+                consumed = 0;
+            }
+        }
+        if (consumed > 0 && index < places.size()) {
+            message = prefix + std::to_string(places[index]) +
+                      message.substr(prefix.size() + consumed);
+        }
+        if (error != nullptr) {
+            *error = message;
+        }
+        return std::nullopt;
+    }
+    return parsed;
+}
+
+}  // namespace qvdevice
