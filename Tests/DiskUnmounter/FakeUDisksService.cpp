@@ -190,12 +190,15 @@ void FakeUDisksService::handle(const std::string& objectPath, const std::string&
     GVariant* options = g_variant_get_child_value(parameters, 0);
     gboolean noInteraction = FALSE;
     g_variant_lookup(options, "auth.no_user_interaction", "b", &noInteraction);
+    gboolean force = FALSE;
+    g_variant_lookup(options, "force", "b", &force);
     g_variant_unref(options);
     std::string object = objectPath.substr(objectPath.rfind('/') + 1);
-    calls_.push_back(method + " " + object + (noInteraction ? " (no interaction)" : ""));
+    calls_.push_back(method + " " + object + (noInteraction ? " (no interaction)" : "") +
+                     (force ? " (force)" : ""));
     for (FakeBlock& block : blocks_) {
         if (method == "Unmount" && blockPath(block.name) == objectPath) {
-            if (block.busy || block.mountPoints.empty()) {
+            if ((block.busy && !force) || block.mountPoints.empty()) {
                 std::string message =
                     block.busy ? "Error unmounting /dev/" + block.name + ": target is busy"
                                : "Not mounted";

@@ -23,7 +23,7 @@ struct FakeBlock {
     std::string drive;  // object path drives/DRIVE, or "" for none
     bool filesystem = true;
     std::vector<std::string> mountPoints;
-    bool busy = false;  // Unmount fails as udisks2 does on a busy filesystem
+    bool busy = false;  // Unmount fails as udisks2 does on a busy filesystem, unless forced
 };
 
 class FakeUDisksService {
@@ -34,7 +34,7 @@ class FakeUDisksService {
     // Connects, exports the objects and takes the name; false with a reason when it could not.
     bool start(std::string* error);
     // "Unmount sdb1", "Eject cdrom", each with " (no interaction)" when the caller asked for no
-    // interactive authentication.
+    // interactive authentication and " (force)" for a forced unmount.
     std::vector<std::string> calls();
 
     void handle(const std::string& objectPath, const std::string& method, GVariant* parameters,

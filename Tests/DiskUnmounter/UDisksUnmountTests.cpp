@@ -58,8 +58,13 @@ class UDisksUnmount : public ::testing::Test {
     }
 
     // Runs the unmounter on `name` with udisks2 on the private bus; answers status, out, err.
-    std::vector<std::string> unmount(const std::string& name, bool dryRun = false) {
+    std::vector<std::string> unmount(
+        const std::string& name, bool dryRun = false,
+        diskunmounter::DiskCommand command = diskunmounter::DiskCommand::UnmountDisk,
+        bool force = false) {
         UnmounterOptions options;
+        options.command = command;
+        options.force = force;
         options.diskName = name;
         options.dryRun = dryRun;
         options.sysfsRoot = kData + "/sys";
@@ -133,6 +138,30 @@ TEST_F(UDisksUnmount, ReportsABusyFilesystemAndDryRunsWithoutCalls) {
               "disk sdc (8:32) with partitions sdc1 (8:33)\n"
               "not using udisks2 (udisks2 does not manage sdc)\n"
               "would unmount \"/run/media/user/OTHER\" (sdc1) with umount2\n");
+}
+
+TEST_F(UDisksUnmount, ForceDetachesABusyFilesystemAndEjectTakesAnyDisksMedium) {
+    std::vector<FakeBlock> blocks = stickAndOtherDisk();
+    blocks[1].busy = true;
+    serve(blocks);
+    using diskunmounter::DiskCommand;
+    EXPECT_EQ(unmount("sdb", true, DiskCommand::UnmountDisk, true)[1],
+              "disk sdb (8:16) with partitions sdb1 (8:17), sdb2 (8:18)\n"
+              "would force-unmount \"/media/user/STICK\" (sdb1) through udisks2\n"
+              "would force-unmount \"/home/user/bound\" (sdb1) through udisks2\n");
+    EXPECT_EQ(unmount("sdb", false, DiskCommand::UnmountDisk, true)[0], "0");
+    // The stick's memory card is no CD, but eject takes its medium out all the same.
+    EXPECT_EQ(unmount("sdb", false, DiskCommand::Eject),
+              (std::vector<std::string>{"0", "ejected sdb\n", ""}));
+    EXPECT_EQ(
+        unmount("sdb1", false, DiskCommand::Eject),
+        (std::vector<std::string>{
+            "1", "", "qv-unmount-disk: cannot eject sdb1: it is a partition, not a whole disk\n"}));
+    EXPECT_EQ(service_->calls(), (std::vector<std::string>{
+                                     "Unmount sdb1 (no interaction) (force)",
+                                     "Unmount sdb1 (no interaction) (force)",
+                                     "Eject stick (no interaction)",
+                                 }));
 }
 
 }  // namespace

@@ -82,7 +82,9 @@ TEST(UnmountDiskCommand, RefusesNamesThatAreNotPlainKernelNames) {
 TEST(UnmountDiskCommand, RefusesABadCommandLine) {
     const std::vector<std::vector<std::string>> bad{{},
                                                     {"unmountDisk"},
-                                                    {"eject", "sdb"},
+                                                    {"mount", "sdb"},
+                                                    {"eject", "force", "sdb"},
+                                                    {"unmountDisk", "force", "sdb", "sdc"},
                                                     {"unmountDisk", "sdb", "sdc"},
                                                     {"--bogus", "unmountDisk", "sdb"},
                                                     {"--sysfs"}};
@@ -96,6 +98,50 @@ TEST(UnmountDiskCommand, RefusesABadCommandLine) {
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("--mountinfo PATH"), std::string::npos);
     EXPECT_NE(help.out.find("--sysfs DIR"), std::string::npos);
+
+    // "force" is the flag only after unmountDisk and before a name.
+    std::string error;
+    bool help2 = false;
+    auto forced = UnmountDiskCommand::parse({"unmountDisk", "force", "sdb"}, &error, &help2);
+    ASSERT_TRUE(forced) << error;
+    EXPECT_TRUE(forced->force);
+    EXPECT_EQ(forced->diskName, "sdb");
+    auto named = UnmountDiskCommand::parse({"unmountDisk", "force"}, &error, &help2);
+    ASSERT_TRUE(named) << error;
+    EXPECT_FALSE(named->force);
+    EXPECT_EQ(named->diskName, "force");
+    auto eject = UnmountDiskCommand::parse({"eject", "sr0"}, &error, &help2);
+    ASSERT_TRUE(eject) << error;
+    EXPECT_EQ(eject->command, diskunmounter::DiskCommand::Eject);
+}
+
+TEST(UnmountDiskCommand, DryRunOfForceAndEjectOnTheFixture) {
+    auto run = [](std::vector<std::string> command) {
+        std::vector<std::string> arguments{"--sysfs", kData + "/sys",
+                                           "--mountinfo=" + kData + "/mountinfo", "--dry-run"};
+        arguments.insert(arguments.end(), command.begin(), command.end());
+        return runCommand(arguments);
+    };
+    Outcome forced = run({"unmountDisk", "force", "sdb2"});
+    EXPECT_EQ(forced.status, 0) << forced.err;
+    EXPECT_EQ(
+        forced.out,
+        "disk sdb2 (8:18), a partition\n"
+        "would force-unmount \"/run/media/user/DATA\\134backup/snapshots\" (sdb2) with umount2\n"
+        "would force-unmount \"/run/media/user/DATA\\134backup\" (sdb2) with umount2\n");
+    // A disk that is no CD: its medium goes with the SCSI command.
+    Outcome card = run({"eject", "sdc"});
+    EXPECT_EQ(card.status, 0) << card.err;
+    EXPECT_EQ(card.out,
+              "disk sdc (8:32) with partitions sdc1 (8:33)\n"
+              "would unmount \"/run/media/user/OTHER\" (sdc1) with umount2\n"
+              "would eject sdc with SCSI START STOP UNIT\n");
+    Outcome cd = run({"eject", "sr0"});
+    EXPECT_EQ(cd.out.substr(cd.out.rfind("would")), "would eject sr0 with the CDROMEJECT ioctl\n");
+    Outcome partition = run({"eject", "sdb1"});
+    EXPECT_EQ(partition.status, 1);
+    EXPECT_EQ(partition.err,
+              "qv-unmount-disk: cannot eject sdb1: it is a partition, not a whole disk\n");
 }
 
 TEST(UnmountDiskCommand, DryRunListsTheWholeDiskPartitionsAndEject) {

@@ -12,11 +12,17 @@ class KernelDiskActions {
   public:
     // umount2 without following a symbolic link in the last component: the path comes from the
     // mount table, so a link there would lead somewhere else.
-    static bool unmount(const std::string& mountPoint, std::string* error);
+    // With `force` the filesystem is detached even while in use (MNT_DETACH): it goes from the
+    // namespace at once and is cleaned up when the last user lets go.
+    static bool unmount(const std::string& mountPoint, bool force, std::string* error);
 
-    // Ejects the medium of an optical drive with the CDROMEJECT ioctl on /dev/NAME, after making
-    // sure that node is the block device `drive` names (same device number).
+    // Ejects the medium of the whole disk /dev/NAME, after making sure that node is the block
+    // device `drive` names (same device number): an optical drive with the CDROMEJECT ioctl, any
+    // other disk with SCSI ALLOW MEDIUM REMOVAL and START STOP UNIT (load/eject) through SG_IO.
     static bool ejectMedium(const BlockDevice& drive, std::string* error);
+
+  private:
+    static bool ejectSCSIMedium(int fd, const std::string& path, std::string* error);
 };
 
 }  // namespace diskunmounter

@@ -168,8 +168,8 @@ bool UDisksClient::blocks(std::vector<Block>* result, std::string* error) {
     return true;
 }
 
-bool UDisksClient::callWithoutOptions(const std::string& objectPath, const char* interface,
-                                      const char* method, std::string* error) {
+bool UDisksClient::callWithOptions(const std::string& objectPath, const char* interface,
+                                   const char* method, bool force, std::string* error) {
     if (!g_variant_is_object_path(objectPath.c_str())) {
         if (error) {
             *error = "not an object path: " + objectPath;
@@ -181,6 +181,9 @@ bool UDisksClient::callWithoutOptions(const std::string& objectPath, const char*
     // Started in the background, the unmounter has nobody to ask for a password.
     g_variant_builder_add(&options, "{sv}", "auth.no_user_interaction",
                           g_variant_new_boolean(TRUE));
+    if (force) {
+        g_variant_builder_add(&options, "{sv}", "force", g_variant_new_boolean(TRUE));
+    }
     GError* gerror = nullptr;
     GVariant* reply = g_dbus_connection_call_sync(
         connection_, kService, objectPath.c_str(), interface, method,
@@ -194,12 +197,12 @@ bool UDisksClient::callWithoutOptions(const std::string& objectPath, const char*
     return true;
 }
 
-bool UDisksClient::unmount(const std::string& objectPath, std::string* error) {
-    return callWithoutOptions(objectPath, kFilesystemInterface, "Unmount", error);
+bool UDisksClient::unmount(const std::string& objectPath, bool force, std::string* error) {
+    return callWithOptions(objectPath, kFilesystemInterface, "Unmount", force, error);
 }
 
 bool UDisksClient::eject(const std::string& drivePath, std::string* error) {
-    return callWithoutOptions(drivePath, kDriveInterface, "Eject", error);
+    return callWithOptions(drivePath, kDriveInterface, "Eject", false, error);
 }
 
 }  // namespace diskunmounter

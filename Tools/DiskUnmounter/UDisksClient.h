@@ -33,15 +33,16 @@ class UDisksClient {
 
     // Every block object udisks2 manages, read afresh.
     bool blocks(std::vector<Block>* result, std::string* error);
-    // Filesystem.Unmount on the block object at `objectPath`, without interactive authentication.
-    bool unmount(const std::string& objectPath, std::string* error);
+    // Filesystem.Unmount on the block object at `objectPath`, without interactive authentication;
+    // with `force`, a filesystem in use is detached (udisks2's "force" option, a lazy unmount).
+    bool unmount(const std::string& objectPath, bool force, std::string* error);
     // Drive.Eject on the drive object at `drivePath`, without interactive authentication.
     bool eject(const std::string& drivePath, std::string* error);
 
   private:
     explicit UDisksClient(GDBusConnection* connection) : connection_(connection) {}
-    bool callWithoutOptions(const std::string& objectPath, const char* interface,
-                            const char* method, std::string* error);
+    bool callWithOptions(const std::string& objectPath, const char* interface, const char* method,
+                         bool force, std::string* error);
 
     GDBusConnection* connection_;
 };

@@ -52,14 +52,19 @@ bool isOption(const std::string& argument, const std::string& option) {
 }  // namespace
 
 const char* UnmountDiskCommand::usage() {
-    return "usage: qv-unmount-disk [options] unmountDisk NAME\n"
+    return "usage: qv-unmount-disk [options] unmountDisk [force] NAME\n"
+           "       qv-unmount-disk [options] eject NAME\n"
            "\n"
-           "Unmounts every mounted filesystem of the block device NAME and of its partitions,\n"
-           "then ejects the medium when NAME is an optical drive (sr0, sr1, ...). NAME is a\n"
-           "kernel name as listed in /sys/class/block (sdb, sr0, mmcblk0), not a path.\n"
-           "udisks2 does the work when it is on the system bus, so that a desktop user may;\n"
-           "otherwise the mounts found in the mount table are removed with umount2 and an\n"
-           "optical medium is ejected with the CDROMEJECT ioctl (both need root).\n"
+           "unmountDisk unmounts every mounted filesystem of the block device NAME and of its\n"
+           "partitions, then ejects the medium when NAME is an optical drive (sr0, sr1, ...).\n"
+           "With force, a filesystem that is still in use is detached instead of refused.\n"
+           "eject unmounts the same and then ejects the medium of the whole disk NAME (a CD,\n"
+           "or a removable SCSI disk such as a modem's memory card).\n"
+           "NAME is a kernel name as listed in /sys/class/block (sdb, sr0, mmcblk0), not a\n"
+           "path. udisks2 does the work when it is on the system bus, so that a desktop user\n"
+           "may; otherwise the mounts found in the mount table are removed with umount2 and a\n"
+           "medium is ejected with the CDROMEJECT ioctl (optical drives) or the SCSI START STOP\n"
+           "UNIT command (other disks); both need root.\n"
            "\n"
            "options:\n"
            "  --dry-run         print what would be done and change nothing\n"
@@ -84,6 +89,12 @@ std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std:
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string& argument = arguments[i];
         if (haveCommand && !haveName) {
+            // "force" right after unmountDisk is the flag, unless nothing follows it.
+            if (options.command == DiskCommand::UnmountDisk && !options.force &&
+                argument == "force" && i + 1 < arguments.size()) {
+                options.force = true;
+                continue;
+            }
             // Whatever follows the command is the name, checked later: "-x" is refused as a name,
             // never taken for an option.
             options.diskName = argument;
@@ -110,11 +121,12 @@ std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std:
         } else if (argument.rfind("-", 0) == 0) {
             *error = "unknown option " + MountTable::quoted(argument);
             return std::nullopt;
-        } else if (!haveCommand && argument == "unmountDisk") {
+        } else if (!haveCommand && (argument == "unmountDisk" || argument == "eject")) {
             haveCommand = true;
+            options.command = argument == "eject" ? DiskCommand::Eject : DiskCommand::UnmountDisk;
         } else if (!haveCommand) {
             *error = "unknown command " + MountTable::quoted(argument) +
-                     " (usage: qv-unmount-disk [options] unmountDisk NAME)";
+                     " (usage: qv-unmount-disk [options] unmountDisk [force] NAME | eject NAME)";
             return std::nullopt;
         } else {
             *error = "unexpected argument " + MountTable::quoted(argument) + " after the name";
@@ -122,7 +134,7 @@ std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std:
         }
     }
     if (!haveName) {
-        *error = "usage: qv-unmount-disk [options] unmountDisk NAME";
+        *error = "usage: qv-unmount-disk [options] unmountDisk [force] NAME | eject NAME";
         return std::nullopt;
     }
     // A made-up mount table or sysfs could name mounts of another disk: look, never touch.
@@ -157,7 +169,14 @@ int UnmountDiskCommand::fail(const std::string& message) {
 }
 
 bool UnmountDiskCommand::shouldEject(const DiskDevices& disk) const {
+    if (options_.command == DiskCommand::Eject) {
+        return true;
+    }
     return !disk.isPartition() && isOpticalDriveName(disk.disk().name);
+}
+
+std::string UnmountDiskCommand::kernelEjectWay(const DiskDevices& disk) const {
+    return isOpticalDriveName(disk.disk().name) ? "the CDROMEJECT ioctl" : "SCSI START STOP UNIT";
 }
 
 int UnmountDiskCommand::run() {
@@ -170,6 +189,10 @@ int UnmountDiskCommand::run() {
         DiskDevices::read(options_.sysfsRoot, options_.diskName, &error);
     if (!disk) {
         return fail(error);
+    }
+    // A medium belongs to the whole disk: ejecting "a partition" would take its siblings along.
+    if (options_.command == DiskCommand::Eject && disk->isPartition()) {
+        return fail("cannot eject " + options_.diskName + ": it is a partition, not a whole disk");
     }
     if (options_.dryRun) {
         out_ << "disk " << disk->description() << "\n";
@@ -212,8 +235,9 @@ int UnmountDiskCommand::unmountThroughUDisks(UDisksClient& client, const DiskDev
     if (options_.dryRun) {
         for (const UDisksClient::Block* block : mountedBlocksOf(blocks, disk)) {
             for (const std::string& mountPoint : block->mountPoints) {
-                out_ << "would unmount " << MountTable::quoted(mountPoint) << " ("
-                     << deviceOf(block) << ") through udisks2\n";
+                out_ << "would " << (options_.force ? "force-unmount " : "unmount ")
+                     << MountTable::quoted(mountPoint) << " (" << deviceOf(block)
+                     << ") through udisks2\n";
             }
         }
         if (shouldEject(disk)) {
@@ -230,7 +254,7 @@ int UnmountDiskCommand::unmountThroughUDisks(UDisksClient& client, const DiskDev
         for (const UDisksClient::Block* block : mounted) {
             std::string what =
                 MountTable::quoted(block->mountPoints.front()) + " (" + deviceOf(block) + ")";
-            if (!client.unmount(block->objectPath, &error)) {
+            if (!client.unmount(block->objectPath, options_.force, &error)) {
                 return fail("cannot unmount " + what + " through udisks2: " + error);
             }
             out_ << "unmounted " << what << "\n";
@@ -296,8 +320,9 @@ int UnmountDiskCommand::runThroughKernel(const DiskDevices& disk) {
         for (const PlannedUnmount& step : plan->steps()) {
             std::string what = MountTable::quoted(step.mountPoint) + " (" + step.deviceName + ")";
             if (options_.dryRun) {
-                out_ << "would unmount " << what << " with umount2\n";
-            } else if (KernelDiskActions::unmount(step.mountPoint, &error)) {
+                out_ << "would " << (options_.force ? "force-unmount " : "unmount ") << what
+                     << " with umount2\n";
+            } else if (KernelDiskActions::unmount(step.mountPoint, options_.force, &error)) {
                 out_ << "unmounted " << what << "\n";
             } else if (isStillMounted(disk, step)) {
                 return fail("cannot unmount " + what + ": " + error);
@@ -311,7 +336,7 @@ int UnmountDiskCommand::runThroughKernel(const DiskDevices& disk) {
         return 0;
     }
     if (options_.dryRun) {
-        out_ << "would eject " << disk.disk().name << " with the CDROMEJECT ioctl\n";
+        out_ << "would eject " << disk.disk().name << " with " << kernelEjectWay(disk) << "\n";
         return 0;
     }
     if (!KernelDiskActions::ejectMedium(disk.disk(), &error)) {

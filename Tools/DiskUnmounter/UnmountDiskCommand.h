@@ -1,6 +1,7 @@
-// qv-unmount-disk: unmounts every mounted filesystem of one disk and its partitions, then ejects
-// the medium of an optical drive. What `diskutil unmountDisk NAME` does for the driver disk
-// ejector on the Mac; here NAME is a kernel block device name (sdb, sr0).
+// qv-unmount-disk: the disk utility the framework starts where the Mac had /usr/sbin/diskutil.
+// `unmountDisk [force] NAME` unmounts every mounted filesystem of one disk and its partitions,
+// then ejects the medium of an optical drive; `eject NAME` unmounts the same and ejects the
+// medium of any removable disk. NAME is a kernel block device name (sdb, sr0).
 #pragma once
 
 #include <iosfwd>
@@ -14,7 +15,12 @@
 
 namespace diskunmounter {
 
+enum class DiskCommand { UnmountDisk, Eject };
+
 struct UnmounterOptions {
+    DiskCommand command = DiskCommand::UnmountDisk;
+    // unmountDisk force: filesystems still in use are detached (lazy unmount) rather than refused.
+    bool force = false;
     std::string diskName;
     bool dryRun = false;
     bool useUDisks = true;
@@ -50,6 +56,7 @@ class UnmountDiskCommand {
     int runThroughKernel(const DiskDevices& disk);
     bool isStillMounted(const DiskDevices& disk, const PlannedUnmount& step) const;
     bool shouldEject(const DiskDevices& disk) const;
+    std::string kernelEjectWay(const DiskDevices& disk) const;
 
     UnmounterOptions options_;
     std::ostream& out_;

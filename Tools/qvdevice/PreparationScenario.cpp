@@ -29,8 +29,7 @@ bool readSeconds(const qv::Json& json, const std::string& where, double* out, st
 }
 
 bool readID(const qv::Json& json, const std::string& where, std::int32_t* out, std::string* error) {
-    if (!json.is_number_integer() || json.get<long long>() < 0 ||
-        json.get<long long>() > 0xFFFF) {
+    if (!json.is_number_integer() || json.get<long long>() < 0 || json.get<long long>() > 0xFFFF) {
         return fail(error, where, "must be a USB ID from 0 to 65535");
     }
     *out = static_cast<std::int32_t>(json.get<long long>());
@@ -246,8 +245,8 @@ std::optional<qv::ScriptedTimeline> PreparationScenario::readTimeline(const qv::
             }
         }
         if (consumed > 0 && index < places.size()) {
-            message = prefix + std::to_string(places[index]) +
-                      message.substr(prefix.size() + consumed);
+            message =
+                prefix + std::to_string(places[index]) + message.substr(prefix.size() + consumed);
         }
         if (error != nullptr) {
             *error = message;

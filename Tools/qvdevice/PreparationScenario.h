@@ -43,8 +43,7 @@ struct PreparationScenario {
 
     // One option of the scenario's "options" object. Answers false for a key that is not one of
     // these (nothing set, no error); true with `error` set for a bad value.
-    bool readOption(const std::string& key, const qv::Json& value, std::string* error,
-                    bool* bad);
+    bool readOption(const std::string& key, const qv::Json& value, std::string* error, bool* bad);
     // Reads a scenario's "timeline": the mount events into this, the rest as a registry
     // timeline. Error messages name the event by its place in the file.
     std::optional<qv::ScriptedTimeline> readTimeline(const qv::Json& timeline, std::string* error);

@@ -68,8 +68,8 @@ std::vector<MountedFileSystem> KernelMountedFileSystems::parse(const std::string
         // ID PARENT MAJ:MIN ROOT MOUNTPOINT OPTIONS [OPTIONAL...] - FSTYPE SOURCE SUPEROPTIONS
         std::vector<std::string> fields = splitOnBlanks(line);
         auto separator = std::find(fields.begin(), fields.end(), "-");
-        if (fields.size() < 6 || separator == fields.end() ||
-            separator - fields.begin() < 6 || fields.end() - separator < 3) {
+        if (fields.size() < 6 || separator == fields.end() || separator - fields.begin() < 6 ||
+            fields.end() - separator < 3) {
             continue;
         }
         mounts.push_back({unescape(*(separator + 2)), unescape(fields[4])});

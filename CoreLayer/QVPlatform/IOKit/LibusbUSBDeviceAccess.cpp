@@ -123,7 +123,8 @@ std::shared_ptr<IOUSBDeviceInterface> LibusbUSBDeviceAccess::deviceInterface(
     for (ssize_t i = 0; i < count && !found; ++i) {
         libusb_device_descriptor descriptor{};
         if (libusb_get_device_descriptor(list[i], &descriptor) != LIBUSB_SUCCESS ||
-            descriptor.idVendor != vendor.intValue() || descriptor.idProduct != product.intValue()) {
+            descriptor.idVendor != vendor.intValue() ||
+            descriptor.idProduct != product.intValue()) {
             continue;
         }
         if (location.isNumber()) {

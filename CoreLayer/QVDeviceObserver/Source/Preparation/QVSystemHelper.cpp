@@ -29,8 +29,7 @@ bool dfLineContains(const qv::MountedFileSystem& mount, const std::string& name)
 
 }  // namespace
 
-void QVSystemHelper::sendSignal(const std::string& signal,
-                                         const std::string& processName) {
+void QVSystemHelper::sendSignal(const std::string& signal, const std::string& processName) {
     qv::TaskLauncher::shared().run(kKillallPath, {"-" + signal, processName});
 }
 

@@ -31,8 +31,8 @@ std::uint32_t hex(std::int64_t value) {
 const std::vector<QVZTESerialPortsEnabler::Model>& QVZTESerialPortsEnabler::subscribedModels() {
     static const std::vector<Model> models = [] {
         std::vector<Model> list;
-        for (std::int32_t product : {0x0040, 0x2000, 0x1001, 0x1171, 0x1013, 0x1175, 0x1179,
-                                     0x0101, 0x0115, 0x1007, 0x1009, 0x1017}) {
+        for (std::int32_t product : {0x0040, 0x2000, 0x1001, 0x1171, 0x1013, 0x1175, 0x1179, 0x0101,
+                                     0x0115, 0x1007, 0x1009, 0x1017}) {
             list.push_back({kZTE, product});
         }
         list.push_back({kOption, kReEnumeratedProduct});

@@ -1,0 +1,289 @@
+#include "CardPrepCommand.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ostream>
+#include <sstream>
+
+#include "Foundation/BoundedFileReader.h"
+#include "Foundation/Task.h"
+#include "GzipTarReader.h"
+
+namespace cardprep {
+
+namespace {
+
+// A configuration file is a few lines; anything larger is not one.
+constexpr std::size_t kMaxConfigSize = 64 * 1024;
+
+std::string hex4(std::uint32_t value) {
+    char buffer[8];
+    std::snprintf(buffer, sizeof buffer, "%04x", value & 0xFFFF);
+    return buffer;
+}
+
+std::optional<std::uint32_t> readHexFile(const std::string& path) {
+    std::optional<std::string> text =
+        qv::readFileUpTo(path, 64, qv::FileKinds::RegularOnly, nullptr);
+    if (!text) {
+        return std::nullopt;
+    }
+    std::string digits = text->substr(0, text->find_first_of("\n "));
+    if (digits.empty() || digits.size() > 4 ||
+        digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(std::stoul(digits, nullptr, 16));
+}
+
+// Only the settings lines of a configuration: comments and blank lines go, and nothing that is
+// not KEY=VALUE is passed on.
+std::string settingsOf(const std::string& config) {
+    std::istringstream lines(config);
+    std::string line;
+    std::string settings;
+    while (std::getline(lines, line)) {
+        line.erase(0, line.find_first_not_of(" \t"));
+        while (!line.empty() &&
+               (line.back() == '\r' || line.back() == ' ' || line.back() == '\t')) {
+            line.pop_back();
+        }
+        if (line.empty() || line.front() == '#' || line.find('=') == std::string::npos ||
+            line.front() == '=') {
+            continue;
+        }
+        settings += line + "\n";
+    }
+    return settings;
+}
+
+}  // namespace
+
+const char* CardPrepCommand::usage() {
+    return "usage: CardPrepTool [options] /pid=,HEX\n"
+           "\n"
+           "Switches the Huawei modem stick with product ID HEX (e.g. /pid=,1f15) out of its\n"
+           "storage mode with usb_modeswitch, so that its modem ports appear. The stick's\n"
+           "configuration comes from /etc/usb_modeswitch.d/12d1:HEX, then from\n"
+           "usb-modeswitch-data's configPack.tar.gz, and otherwise the Huawei new-mode message\n"
+           "is sent. Needs the Debian package usb-modeswitch (and usb-modeswitch-data for the\n"
+           "known sticks) and the right to open the stick (root, or a udev rule).\n"
+           "\n"
+           "options:\n"
+           "  --dry-run               print the usb_modeswitch command and run nothing\n"
+           "  --usb-modeswitch PATH   the usb_modeswitch program (default "
+           "/usr/sbin/usb_modeswitch)\n"
+           "  --config-dir DIR        local configurations (default /etc/usb_modeswitch.d)\n"
+           "  --config-pack FILE      the data package's pack\n"
+           "                          (default /usr/share/usb_modeswitch/configPack.tar.gz)\n"
+           "  --sysfs DIR             look for the stick under DIR instead of /sys\n"
+           "  --help                  print this text\n"
+           "\n"
+           "Exits with 0 when usb_modeswitch switched the stick, 1 with one line saying why\n"
+           "when it did not (no usb_modeswitch, no such stick, usb_modeswitch failed), 2 for a\n"
+           "bad command line.\n";
+}
+
+std::optional<std::uint32_t> CardPrepCommand::productFromArgument(const std::string& argument) {
+    const std::string prefix = "/pid=,";
+    if (argument.rfind(prefix, 0) != 0) {
+        return std::nullopt;
+    }
+    std::string digits = argument.substr(prefix.size());
+    if (digits.empty() || digits.size() > 4 ||
+        digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(std::stoul(digits, nullptr, 16));
+}
+
+std::optional<CardPrepOptions> CardPrepCommand::parse(const std::vector<std::string>& arguments,
+                                                      std::string* error, bool* helpWanted) {
+    CardPrepOptions options;
+    bool haveProduct = false;
+    *helpWanted = false;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& argument = arguments[i];
+        auto value = [&](std::string* out) {
+            if (i + 1 >= arguments.size()) {
+                *error = argument + " needs a value";
+                return false;
+            }
+            *out = arguments[++i];
+            return true;
+        };
+        if (argument == "--help" || argument == "-h") {
+            *helpWanted = true;
+            return std::nullopt;
+        } else if (argument == "--dry-run") {
+            options.dryRun = true;
+        } else if (argument == "--usb-modeswitch") {
+            if (!value(&options.usbModeswitchPath))
+                return std::nullopt;
+        } else if (argument == "--config-dir") {
+            if (!value(&options.overrideDirectory))
+                return std::nullopt;
+        } else if (argument == "--config-pack") {
+            if (!value(&options.configPack))
+                return std::nullopt;
+        } else if (argument == "--sysfs") {
+            if (!value(&options.sysfsRoot))
+                return std::nullopt;
+        } else if (!haveProduct && argument.rfind("/pid=", 0) == 0) {
+            std::optional<std::uint32_t> product = productFromArgument(argument);
+            if (!product) {
+                *error = "\"" + argument + "\" is not /pid=, and a product ID in hexadecimal";
+                return std::nullopt;
+            }
+            options.productID = *product;
+            haveProduct = true;
+        } else {
+            *error = "unexpected argument \"" + argument + "\"";
+            return std::nullopt;
+        }
+    }
+    if (!haveProduct) {
+        *error = "usage: CardPrepTool [options] /pid=,HEX";
+        return std::nullopt;
+    }
+    return options;
+}
+
+int CardPrepCommand::main(const std::vector<std::string>& arguments, std::ostream& out,
+                          std::ostream& err) {
+    std::string error;
+    bool helpWanted = false;
+    std::optional<CardPrepOptions> options = parse(arguments, &error, &helpWanted);
+    if (helpWanted) {
+        out << usage();
+        return 0;
+    }
+    if (!options) {
+        err << "CardPrepTool: " << error << "\n";
+        return 2;
+    }
+    return CardPrepCommand(std::move(*options), out, err).run();
+}
+
+int CardPrepCommand::fail(const std::string& message) {
+    std::string line = message;
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    err_ << "CardPrepTool: " << line << "\n";
+    return 1;
+}
+
+std::string CardPrepCommand::idName() const {
+    return hex4(kHuaweiVendorID) + ":" + hex4(options_.productID);
+}
+
+bool CardPrepCommand::isStickAttached() const {
+    const std::string directory = options_.sysfsRoot + "/bus/usb/devices";
+    DIR* dir = opendir(directory.c_str());
+    if (dir == nullptr) {
+        return false;
+    }
+    bool found = false;
+    while (dirent* entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        // Devices only ("1-2", "usb1"); interfaces carry a colon.
+        if (name.empty() || name.front() == '.' || name.find(':') != std::string::npos) {
+            continue;
+        }
+        std::string base = directory + "/" + name + "/";
+        if (readHexFile(base + "idVendor") == kHuaweiVendorID &&
+            readHexFile(base + "idProduct") == options_.productID) {
+            found = true;
+            break;
+        }
+    }
+    closedir(dir);
+    return found;
+}
+
+std::optional<std::string> CardPrepCommand::configuration(std::string* source,
+                                                          std::string* error) const {
+    const std::string local = options_.overrideDirectory + "/" + idName();
+    std::string reason;
+    if (access(local.c_str(), F_OK) == 0) {
+        std::optional<std::string> text =
+            qv::readFileUpTo(local, kMaxConfigSize, qv::FileKinds::RegularOnly, &reason);
+        if (!text) {
+            *error = local + ": " + reason;
+            return std::nullopt;
+        }
+        *source = local;
+        return settingsOf(*text);
+    }
+    if (access(options_.configPack.c_str(), F_OK) == 0) {
+        std::optional<std::string> text =
+            GzipTarReader::readMember(options_.configPack, idName(), &reason);
+        if (text) {
+            *source = options_.configPack + " (" + idName() + ")";
+            return settingsOf(*text);
+        }
+        if (!reason.empty()) {
+            *error = options_.configPack + ": " + reason;
+            return std::nullopt;
+        }
+    }
+    source->clear();
+    return std::string();
+}
+
+std::vector<std::string> CardPrepCommand::modeswitchArguments(const std::string& config) const {
+    std::vector<std::string> arguments = {"-v", "0x" + hex4(kHuaweiVendorID), "-p",
+                                          "0x" + hex4(options_.productID)};
+    if (config.empty()) {
+        arguments.push_back("-J");
+    } else {
+        // The settings as a long configuration: no file of ours to write, nothing a shell sees.
+        arguments.push_back("-f");
+        arguments.push_back(config);
+    }
+    return arguments;
+}
+
+int CardPrepCommand::run() {
+    std::string source;
+    std::string error;
+    std::optional<std::string> config = configuration(&source, &error);
+    if (!config) {
+        return fail("cannot read the configuration for " + idName() + ": " + error);
+    }
+    std::vector<std::string> arguments = modeswitchArguments(*config);
+    if (options_.dryRun) {
+        out_ << "configuration: " << (source.empty() ? "none, Huawei new-mode message" : source)
+             << "\n";
+        out_ << options_.usbModeswitchPath;
+        for (const std::string& argument : arguments) {
+            out_ << " "
+                 << (argument.find('\n') == std::string::npos ? argument : "'" + argument + "'");
+        }
+        out_ << "\n";
+        return 0;
+    }
+    if (access(options_.usbModeswitchPath.c_str(), X_OK) != 0) {
+        return fail(options_.usbModeswitchPath +
+                    " is missing: install the Debian packages usb-modeswitch and "
+                    "usb-modeswitch-data");
+    }
+    if (!isStickAttached()) {
+        return fail("no Huawei stick " + idName() + " is attached");
+    }
+    qv::TaskResult result = qv::TaskLauncher::shared().run(options_.usbModeswitchPath, arguments);
+    if (!result.launched) {
+        return fail("cannot start " + options_.usbModeswitchPath + ": " + result.error);
+    }
+    out_ << result.output;
+    if (result.exitStatus != 0) {
+        return fail("usb_modeswitch could not switch " + idName() + " (exit status " +
+                    std::to_string(result.exitStatus) + ")");
+    }
+    out_ << "switched " << idName() << "\n";
+    return 0;
+}
+
+}  // namespace cardprep
