@@ -145,6 +145,23 @@ TEST(DiskUnmounterOnALoopDevice, UnmountsEveryMountOfTheDiskAndLeavesOthers) {
     // Nothing left to do is no failure.
     qv::TaskResult again = runProgram(QV_UNMOUNTER_PATH, {"unmountDisk", name});
     EXPECT_EQ(again.exitStatus, 0) << again.output;
+
+    // A filesystem in use is refused, unless forced: then it is detached at once.
+    ASSERT_EQ(mount(disk.device.c_str(), first.c_str(), "ext2", 0, nullptr), 0)
+        << std::strerror(errno);
+    int busy = open((first + "/sub").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(busy, 0) << std::strerror(errno);
+    qv::TaskResult refused = runProgram(QV_UNMOUNTER_PATH, {"unmountDisk", name});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_EQ(mountPointsOf(status.st_rdev), std::vector<std::string>{first});
+    qv::TaskResult forced = runProgram(QV_UNMOUNTER_PATH, {"unmountDisk", "force", name});
+    EXPECT_EQ(forced.exitStatus, 0) << forced.output;
+    EXPECT_EQ(mountPointsOf(status.st_rdev), std::vector<std::string>{});
+    close(busy);
+
+    // A loop device has no medium to eject: said in one line, after the (empty) unmount.
+    qv::TaskResult eject = runProgram(QV_UNMOUNTER_PATH, {"--no-udisks", "eject", name});
+    EXPECT_EQ(eject.exitStatus, 1);
 }
 
 }  // namespace

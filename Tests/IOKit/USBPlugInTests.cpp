@@ -128,8 +128,15 @@ TEST_F(USBPlugInTest, RefusesWhatIsNoUSBDeviceAndWhatTheBackendCannotReach) {
               kIOReturnNoDevice);
     EXPECT_EQ(plugIn, nullptr);
 
-    // Until a Linux backend is installed, no device can be reached.
+    // The default backend looks on this machine's USB bus, where the made-up stick is not (or
+    // which this sandbox may not show at all); the do-nothing backend reaches nothing.
     qv::USBDeviceAccess::setShared(nullptr);
+    kern_return_t onThisMachine = IOCreatePlugInInterfaceForService(
+        stick, kIOUSBDeviceUserClientTypeID, kIOCFPlugInInterfaceID, &plugIn, &score);
+    EXPECT_TRUE(onThisMachine == kIOReturnNotFound || onThisMachine == kIOReturnUnsupported)
+        << std::hex << onThisMachine;
+    EXPECT_EQ(plugIn, nullptr);
+    qv::USBDeviceAccess::setShared(std::make_shared<qv::UnsupportedUSBDeviceAccess>());
     EXPECT_EQ(IOCreatePlugInInterfaceForService(stick, kIOUSBDeviceUserClientTypeID,
                                                 kIOCFPlugInInterfaceID, &plugIn, &score),
               kIOReturnUnsupported);
