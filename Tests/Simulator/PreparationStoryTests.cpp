@@ -17,9 +17,9 @@ using qvtest::StoryBuilder;
 namespace {
 
 StickSpec storageStick(int vendor, int product, const std::string& cd = "sr0",
-                       long long location = 0x1A100000) {
+                       long long location = 0x1A100000, const std::string& id = "stick") {
     StickSpec stick;
-    stick.id = "stick";
+    stick.id = id;
     stick.vendorID = vendor;
     stick.productID = product;
     stick.locationID = location;
@@ -92,17 +92,19 @@ using Argvs = std::vector<std::vector<std::string>>;
 }  // namespace
 
 TEST(PreparationStory, ZTEStickWithAMountedCDIsEjectedAndComesBackAsAModem) {
-    StickSpec mf626;
-    mf626.id = "modem";
-    mf626.vendorID = 0x19D2;
-    mf626.productID = 0x0031;
-    mf626.ttys = {"ttyUSB0", "ttyUSB1", "ttyUSB2", "ttyUSB3"};
+    // Comes back as a K3805-Z, which the test database knows.
+    StickSpec k3805;
+    k3805.id = "modem";
+    k3805.vendorID = 0x19D2;
+    k3805.productID = 0x1002;
+    k3805.ttys = {"ttyACM0", "ttyACM1", "ttyACM2"};
+    k3805.network = "wwan0";
     qv::Json scenario =
         StoryBuilder()
             .plug(1.0, storageStick(0x19D2, 0x2000))
             .option("enabler", {{"ejectSecondaryDisk", false}})
             .option("mounts", {{"sr0", "/media/ZTE Modem"}})
-            .option("modeSwitches", qv::Json::array({modeSwitch(0x19D2, 0x2000, 3.0, mf626)}))
+            .option("modeSwitches", qv::Json::array({modeSwitch(0x19D2, 0x2000, 3.0, k3805)}))
             .json();
     auto result = play(scenario, 40.0);
     ASSERT_TRUE(result.ok) << result.error;
@@ -140,11 +142,9 @@ TEST(PreparationStory, HuaweiQuickStartStickRunsTheToolAndBecomesAvailable) {
 TEST(PreparationStory, ACDThatIsNeverMountedTimesOutUntilItIsMountedByTheStory) {
     qv::Json scenario = StoryBuilder()
                             .plug(1.0, storageStick(0x19D2, 0x1001))
-                            .plug(1.0, storageStick(0x19D2, 0x1171, "sr1", 0x1B100000))
+                            .plug(1.0, storageStick(0x19D2, 0x1171, "sr1", 0x1B100000, "other"))
                             .option("enabler", {{"ejectSecondaryDisk", false}})
                             .json();
-    // The second stick is renamed: two ids must differ.
-    scenario["timeline"][1]["add"]["entry"]["id"] = "other";
     scenario["timeline"].push_back({{"at", 10.5}, {"mount", {{"disk", "sr1"}, {"path", "/m"}}}});
     auto result = play(scenario, 45.0);
     ASSERT_TRUE(result.ok) << result.error;
@@ -196,9 +196,9 @@ TEST(PreparationStory, SecondaryDiskIsEjectedWhenAskedForAndTheStoryUnmountsIt) 
          {"class", "IOMedia"},
          {"properties", {{"BSD Name", "sdb"}, {"Leaf", false}}}});
     // A second stick whose card the story unmounts before the enabler looks.
-    qv::Json second = StoryBuilder().plug(5.0, storageStick(0x19D2, 0x2000, "sr1", 2)).json();
+    qv::Json second =
+        StoryBuilder().plug(5.0, storageStick(0x19D2, 0x2000, "sr1", 2, "second")).json();
     qv::Json entry = second["timeline"][0]["add"]["entry"];
-    entry["id"] = "second";
     entry["children"].push_back({{"id", "card2"},
                                  {"class", "IOMedia"},
                                  {"properties", {{"BSD Name", "sdc"}, {"Leaf", false}}}});
