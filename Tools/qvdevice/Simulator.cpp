@@ -331,9 +331,9 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     }
 
     const double end =
-        origin + until.value_or(options.until.value_or(
-                     std::max(scenario.timeline.endTime(), options.preparation.endTime()) +
-                     kDefaultTail));
+        origin +
+        until.value_or(options.until.value_or(
+            std::max(scenario.timeline.endTime(), options.preparation.endTime()) + kDefaultTail));
     while (!terminated && loop->now() < end) {
         double next = loop->nextFireTime();
         try {
