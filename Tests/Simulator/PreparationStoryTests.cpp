@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "StoryBuilder.h"
+#include "qvdevice/PreparationStory.h"
 #include "qvdevice/SimulationScenario.h"
 
 using qvtest::eventsOf;
@@ -275,4 +276,16 @@ TEST(PreparationStory, BadPreparationOptionsAndEventsAreRefusedNamingThePlace) {
               "timeline[0].unmount: must be a kernel disk name such as \"sdb1\" or \"sr0\"");
     EXPECT_EQ(refusal({{"timeline", qv::Json::array({{{"at", 1}, {"mount", {{"disk", "sr0"}}}}})}}),
               "timeline[0].mount: must be {\"disk\": NAME, \"path\": PATH}");
+}
+
+TEST(PreparationStory, TheStorysUnmountTakesTheDiskAndItsPartitionsOnly) {
+    using qvdevice::PreparationStory;
+    EXPECT_TRUE(PreparationStory::isDiskOrPartition("/dev/sdb", "sdb"));
+    EXPECT_TRUE(PreparationStory::isDiskOrPartition("/dev/sdb12", "sdb"));
+    EXPECT_TRUE(PreparationStory::isDiskOrPartition("/dev/mmcblk0p1", "mmcblk0"));
+    EXPECT_FALSE(PreparationStory::isDiskOrPartition("/dev/mmcblk01", "mmcblk0"));
+    EXPECT_FALSE(PreparationStory::isDiskOrPartition("/dev/sdb10", "sdb1"));
+    EXPECT_FALSE(PreparationStory::isDiskOrPartition("/dev/sdbx", "sdb"));
+    EXPECT_FALSE(PreparationStory::isDiskOrPartition("/dev/sd", "sdb"));
+    EXPECT_FALSE(PreparationStory::isDiskOrPartition("tmpfs", "sdb"));
 }

@@ -202,6 +202,10 @@ void PreparationStory::switchMode(io_registry_entry_t device) {
     }
     // The stick drops off the bus once the program that switched it is done, not inside it.
     timers_.push_back(loop_.performAfterDelay(0.0, [this, device, modeSwitch]() {
+        // Unplugged by the story in the same instant: nothing comes back.
+        if (!registry_.isAttached(device)) {
+            return;
+        }
         io_registry_entry_t parent = registry_.entryParent(device);
         registry_.removeEntry(device);
         feeder_.forgetDetachedIds();
