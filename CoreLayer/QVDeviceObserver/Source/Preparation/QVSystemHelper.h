@@ -13,7 +13,7 @@ class QVSystemHelper : public qv::Object {
     static constexpr const char* kKillallPath = "/usr/bin/killall";
 
     // Runs killall with "-SIGNAL" and the process name, and waits for it; its outcome is not
-    // examined (no such process is no failure). The capital T is the selector's own.
+    // examined (no such process is no failure). (sendSignal:ToProcess: on the Mac.)
     static void sendSignal(const std::string& signal, const std::string& processName);
 };
 
