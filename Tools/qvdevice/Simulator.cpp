@@ -4,15 +4,16 @@
 #include <fstream>
 #include <memory>
 
+#include "Application/PlatformFactory.h"
 #include "Application/QVDeviceObserver.h"
 #include "Application/QVPrioQueue.h"
+#include "Application/ScriptedDevicePlatform.h"
 #include "Events/QVDeviceNotificationCenter.h"
 #include "Foundation/Logging.h"
 #include "Foundation/NotificationCenter.h"
 #include "Foundation/Platform.h"
 #include "Foundation/Task.h"
 #include "IOKit/Registry.h"
-#include "IOKit/ScriptedFeeder.h"
 #include "Model/QVDevice.h"
 #include "QVGsmKit/GsmBackend.h"
 #include "QVGsmKit/ScriptedGsmBackend.h"
@@ -173,6 +174,7 @@ class SeamInstallation {
         qv::Bundle::setPathForResource("DeviceDatabase", "plist", std::nullopt);
         qv::ApplicationTermination::setHandler({});
         qv::GsmBackend::setCurrent(nullptr);
+        qv::PlatformFactory::install(nullptr);
         resetFrameworkSingletons();
         qv::RunLoop::setCurrent(nullptr);
     }
@@ -315,8 +317,9 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
         observer->setAutorepeatNetInfo(*options.autorepeatNetInfo);
     }
 
-    qv::ScriptedFeeder feeder(qv::Registry::shared(), scenario.timeline);
-    feeder.schedule(*loop, origin);
+    // The story feeds the registry through the platform factory, in place of udev.
+    qv::PlatformFactory::install(
+        std::make_shared<qv::ScriptedDevicePlatform>(scenario.timeline, origin));
     observer->start();
     if (options.startQueue) {
         QVPrioQueue::getInstance()->startExecution();

@@ -3,6 +3,7 @@
 #include <mutex>
 #include <set>
 
+#include "Application/PlatformFactory.h"
 #include "Application/QVModemStatusListeners.h"
 #include "Foundation/Logging.h"
 #include "Model/QVDevice.h"
@@ -85,6 +86,7 @@ QVDeviceObserver::QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor)
 
 QVDeviceObserver::~QVDeviceObserver() {
     setAlive(this, false);
+    releasePlatform();
     if (_deviceMonitor && _deviceMonitor->delegate() == this) {
         _deviceMonitor->setDelegate(nullptr);
     }
@@ -92,6 +94,11 @@ QVDeviceObserver::~QVDeviceObserver() {
 
 void QVDeviceObserver::start() {
     _deviceList.clear();
+    // The registry's feed (udev on a real machine) runs while any observer is started.
+    if (!_usesPlatform) {
+        _usesPlatform = true;
+        qv::PlatformFactory::observerStarted();
+    }
     if (_deviceMonitor) {
         _deviceMonitor->setDelegate(this);
         _deviceMonitor->start();
@@ -104,6 +111,14 @@ void QVDeviceObserver::stop() {
     if (_deviceMonitor) {
         _deviceMonitor->setDelegate(nullptr);
         _deviceMonitor->teardown();
+    }
+    releasePlatform();
+}
+
+void QVDeviceObserver::releasePlatform() {
+    if (_usesPlatform) {
+        _usesPlatform = false;
+        qv::PlatformFactory::observerStopped();
     }
 }
 
