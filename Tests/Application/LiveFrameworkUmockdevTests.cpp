@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@
 #include "Application/QVPrioQueue.h"
 #include "Application/ScriptedDevicePlatform.h"
 #include "Events/QVDeviceNotificationCenter.h"
+#include "Foundation/JsonValue.h"
 #include "Foundation/Logging.h"
 #include "IOKit/Registry.h"
 #include "IOKit/UdevFeeder.h"
@@ -33,6 +35,7 @@
 #include "QVGsmKit/NullGsmBackend.h"
 #include "Recognition/QVDeviceMonitor.h"
 #include "RunLoop/GLibRunLoop.h"
+#include "Support/ToolRunner.h"
 
 #ifdef QV_MODEM_SIMULATOR_PATH
 constexpr const char* kModemSimulatorPath = QV_MODEM_SIMULATOR_PATH;
@@ -80,9 +83,8 @@ class LiveFrameworkUmockdev : public ::testing::Test {
         loop_ = std::make_shared<qv::GLibRunLoop>();
         qv::RunLoop::setCurrent(loop_);
         qv::Registry::resetShared();
-        qv::setNamedLogSink([this](const std::string&, const std::string& line) {
-            log_.push_back(line);
-        });
+        qv::setNamedLogSink(
+            [this](const std::string&, const std::string& line) { log_.push_back(line); });
         qv::PlatformFactory::install(nullptr);  // the live platform, as on a real machine
     }
 
@@ -131,8 +133,8 @@ class LiveFrameworkUmockdev : public ::testing::Test {
     std::string plugE1750(const std::string& name, int firstTTY) {
         gchar* stick = umockdev_testbed_add_device(
             testbed_, "usb", name.c_str(), nullptr, "idVendor", "12d1", "idProduct", "1406",
-            "product", "HUAWEI Mobile", "manufacturer", "HUAWEI Technology", "bNumInterfaces",
-            " 3", nullptr, "DEVTYPE", "usb_device", nullptr);
+            "product", "HUAWEI Mobile", "manufacturer", "HUAWEI Technology", "bNumInterfaces", " 3",
+            nullptr, "DEVTYPE", "usb_device", nullptr);
         for (int interface = 2, probe = 0; interface >= 0; --interface, ++probe) {
             std::string interfaceName = name + ":1." + std::to_string(interface);
             std::string number = "0" + std::to_string(interface);
@@ -140,8 +142,8 @@ class LiveFrameworkUmockdev : public ::testing::Test {
                 testbed_, "usb", interfaceName.c_str(), stick, "bInterfaceNumber", number.c_str(),
                 "bInterfaceClass", "ff", nullptr, "DEVTYPE", "usb_interface", nullptr);
             std::string tty = "ttyUSB" + std::to_string(firstTTY + probe);
-            g_free(umockdev_testbed_add_device(testbed_, "tty", tty.c_str(), path, nullptr,
-                                               nullptr));
+            g_free(
+                umockdev_testbed_add_device(testbed_, "tty", tty.c_str(), path, nullptr, nullptr));
             g_free(path);
         }
         std::string path = stick;
@@ -261,6 +263,27 @@ TEST_F(LiveFrameworkUmockdev, ThirtyTwoSticksPluggedAndUnpluggedAtOnce) {
     EXPECT_TRUE(observer_->deviceList().empty());
 }
 
+TEST_F(LiveFrameworkUmockdev, QvdeviceRunPrintsTheSticksOfThisMachine) {
+    plugE1750("1-4", 0);
+    ToolRun run = runQvdevice({"run", "--for", "2.5", "--json"});
+    qv::RunLoop::setCurrent(loop_);  // the tool put back "none"
+    ASSERT_EQ(run.code, 0) << run.err;
+    int announced = 0;
+    std::istringstream lines(run.out);
+    qv::Json last;
+    for (std::string line; std::getline(lines, line);) {
+        last = qv::Json::parse(line);
+        if (last["kind"] == "application" && last["call"] == "noteDeviceBecameAvailable:") {
+            ++announced;
+            EXPECT_EQ(last["device"]["_quorvelID"], 320);
+            EXPECT_GT(last["t"].get<double>(), 0.0);
+        }
+    }
+    EXPECT_EQ(announced, 1) << run.out;
+    EXPECT_EQ(last["kind"], "run");
+    EXPECT_EQ(last["message"], "1 device(s) present at the end");
+}
+
 // The modem part: the stick's control tty is a pty served by the modem simulator, the application
 // chooses the stick as its default device, and the live modem library initialises it and reads
 // its network information. Skips while the simulator is not built or the live platform's modem
@@ -281,8 +304,7 @@ TEST_F(LiveFrameworkUmockdev, InitialisesTheDefaultStickThroughTheModemSimulator
         argv.push_back(profile.c_str());
     }
     argv.push_back(nullptr);
-    GSubprocess* modem =
-        g_subprocess_newv(argv.data(), G_SUBPROCESS_FLAGS_STDOUT_PIPE, &error);
+    GSubprocess* modem = g_subprocess_newv(argv.data(), G_SUBPROCESS_FLAGS_STDOUT_PIPE, &error);
     ASSERT_NE(modem, nullptr) << (error != nullptr ? error->message : "");
     GDataInputStream* lines = g_data_input_stream_new(g_subprocess_get_stdout_pipe(modem));
     gchar* pty = g_data_input_stream_read_line(lines, nullptr, nullptr, nullptr);

@@ -49,8 +49,8 @@ TEST(UdevMapping, EveryWellFormedUSBNameGetsAStableUniqueLocationID) {
     EXPECT_EQ(qv::stableLocationIDFromUSBName("3-1.4.2"), 0x03142000u);
     // Past it: the bus byte, a zero first nibble no encoded ID has, and a hash of the chain.
     std::set<std::uint32_t> seen;
-    for (const char* name : {"1-16", "1-17", "1-99", "2-1.2.3.4.5.6.7", "2-1.2.3.4.5.6.8",
-                             "2-16.1", "2-1.16", "255-200"}) {
+    for (const char* name : {"1-16", "1-17", "1-99", "2-1.2.3.4.5.6.7", "2-1.2.3.4.5.6.8", "2-16.1",
+                             "2-1.16", "255-200"}) {
         auto location = qv::stableLocationIDFromUSBName(name);
         ASSERT_TRUE(location) << name;
         EXPECT_EQ(*location >> 24, static_cast<std::uint32_t>(std::stoi(name)));
@@ -92,8 +92,7 @@ TEST(UdevMapping, DriverBundlesNameTheFunctionDriverAndMarkTheGenericOnes) {
     EXPECT_EQ(qv::describeUdevDevice(tty)->properties["CFBundleIdentifier"], qv::Value("option"));
     auto net = node("net", "", "wwan0");
     net.interfaceDriver = "qmi_wwan";
-    EXPECT_EQ(qv::describeUdevDevice(net)->properties["CFBundleIdentifier"],
-              qv::Value("qmi_wwan"));
+    EXPECT_EQ(qv::describeUdevDevice(net)->properties["CFBundleIdentifier"], qv::Value("qmi_wwan"));
     auto cd = node("block", "disk", "sr0");
     cd.interfaceDriver = "usb-storage";
     EXPECT_EQ(qv::describeUdevDevice(cd)->properties["CFBundleIdentifier"],
@@ -106,7 +105,9 @@ TEST(UdevMapping, DriverBundlesNameTheFunctionDriverAndMarkTheGenericOnes) {
     serial.driver = "option";
     EXPECT_TRUE(qv::describeUdevDevice(serial)->properties["CFBundleIdentifier"].isNil());
     // Unbound, or a name that is no kernel driver's: nothing claimed.
-    EXPECT_TRUE(qv::describeUdevDevice(node("tty", "", "ttyUSB0"))->properties["CFBundleIdentifier"].isNil());
+    EXPECT_TRUE(qv::describeUdevDevice(node("tty", "", "ttyUSB0"))
+                    ->properties["CFBundleIdentifier"]
+                    .isNil());
     tty.interfaceDriver = "bad driver/name";
     EXPECT_TRUE(qv::describeUdevDevice(tty)->properties["CFBundleIdentifier"].isNil());
 }
@@ -154,7 +155,8 @@ TEST(UdevMapping, HostileUSBAttributesLeaveThePropertyOut) {
     for (const char* key : {"idVendor", "idProduct", "USB Product Name", "USB Vendor Name"}) {
         EXPECT_TRUE(entry->properties[key].isNil()) << key;
     }
-    EXPECT_EQ(entry->properties["locationID"], qv::Value(*qv::stableLocationIDFromUSBName("1-200")));
+    EXPECT_EQ(entry->properties["locationID"],
+              qv::Value(*qv::stableLocationIDFromUSBName("1-200")));
     EXPECT_FALSE(qv::describeUdevDevice(usbDevice(std::string(100, '1'))));
 }
 

@@ -183,10 +183,12 @@ void LiveSession::start() {
         fields["message"] = message;
         writer.add("log", std::move(fields));
     });
-    qv::setSystemLogSink(
-        [&writer](const std::string& line) { writer.add("syslog", qv::Json{{"message", line}}); });
-    qv::setStandardOutputSink(
-        [&writer](const std::string& line) { writer.add("stdout", qv::Json{{"message", line}}); });
+    qv::setSystemLogSink([&writer](const std::string& line) {
+        writer.add("syslog", qv::Json{{"message", line}});
+    });
+    qv::setStandardOutputSink([&writer](const std::string& line) {
+        writer.add("stdout", qv::Json{{"message", line}});
+    });
     state.notificationToken = qv::NotificationCenter::defaultCenter().addObserver(
         "", [&writer](const qv::Notification& note) {
             writer.add("notification", qv::Json{{"name", note.name}});
@@ -215,10 +217,10 @@ void LiveSession::stop() {
     std::size_t present = state.application.deviceCount();
     state.observer->setDelegate(nullptr);
     state.observer->stop();
-    state.writer.add("run", qv::Json{{"message", present == 0
-                                                     ? std::string("no modems found")
-                                                     : std::to_string(present) +
-                                                           " device(s) present at the end"}});
+    state.writer.add("run",
+                     qv::Json{{"message", present == 0 ? std::string("no modems found")
+                                                       : std::to_string(present) +
+                                                             " device(s) present at the end"}});
     qv::setNamedLogSink({});
     qv::setSystemLogSink({});
     qv::setStandardOutputSink({});

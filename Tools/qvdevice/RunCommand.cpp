@@ -68,7 +68,8 @@ std::optional<qv::Value> loadRules(const std::string& path, std::string* error) 
     std::error_code ec;
     if (std::filesystem::is_directory(path, ec)) {
         qv::Array rules;
-        for (const auto& filter : *QVDeviceFilter::filtersWithAllowedDeviceRulesInDirectory(path)) {
+        auto filters = QVDeviceFilter::filtersWithAllowedDeviceRulesInDirectory(path);
+        for (const auto& filter : filters.value_or(QVDeviceFilter::FilterList{})) {
             if (const qv::Array* some = filter->allowedDeviceRules().asArray()) {
                 rules.insert(rules.end(), some->begin(), some->end());
             }
@@ -130,6 +131,13 @@ int runLive(const RunOptions& options, CommandContext& context) {
         live.stop();
     }
     qv::RunLoop::setCurrent(nullptr);
+    // The process may go on (tests run the tool in-process): put back what was replaced.
+    if (options.noModem) {
+        qv::GsmBackend::setCurrent(nullptr);
+    }
+    if (!options.database.empty()) {
+        qv::Bundle::setPathForResource("DeviceDatabase", "plist", std::nullopt);
+    }
     context.out.flush();
     return code != 0 ? code : (context.out ? 0 : 1);
 }
@@ -139,8 +147,10 @@ void addRunCommand(CLI::App& app, CommandContext& context) {
     CLI::App* command = app.add_subcommand(
         "run", "Run the framework live on this machine's devices and print its events");
     command->add_option("--rules", options->rules, "allowed-device rules file or directory");
-    command->add_option("--database", options->database, "device database in place of the shipped one");
-    command->add_flag("--generic", options->generic, "also recognise unknown products of known makers");
+    command->add_option("--database", options->database,
+                        "device database in place of the shipped one");
+    command->add_flag("--generic", options->generic,
+                      "also recognise unknown products of known makers");
     command
         ->add_option("--default-device", options->defaultDevice,
                      "the application chooses this device (0 = first) and initialises its modem")

@@ -46,8 +46,8 @@ void addSimulateCommand(CLI::App& app, CommandContext& context) {
     CLI::App* command = app.add_subcommand(
         "simulate", "Play a hot-plug scenario in virtual time and print its events");
     command->add_option("scenario", options->scenario, "scenario JSON file")->required();
-    auto* pretty = command->add_flag(
-        "--pretty", options->pretty, "aligned human-readable lines (the default on a terminal)");
+    auto* pretty = command->add_flag("--pretty", options->pretty,
+                                     "aligned human-readable lines (the default on a terminal)");
     command->add_flag("--json", options->json, "JSON lines (the default into a pipe or file)")
         ->excludes(pretty);
     command

@@ -187,6 +187,18 @@ void UdevFeeder::processPendingEvents() {
     }
 }
 
+bool UdevFeeder::isUdevRunning() const {
+    if (udev_ == nullptr) {
+        return false;
+    }
+    udev_queue* queue = udev_queue_new(udev_);
+    bool active = queue != nullptr && udev_queue_get_udev_is_active(queue) != 0;
+    if (queue != nullptr) {
+        udev_queue_unref(queue);
+    }
+    return active;
+}
+
 io_registry_entry_t UdevFeeder::handleFor(const std::string& sysPath) const {
     auto it = handles_.find(sysPath);
     return it == handles_.end() ? IO_OBJECT_NULL : it->second;
@@ -333,11 +345,12 @@ void UdevFeeder::armSettleTimer(const std::string& devicePath, SettlingDevice& d
     double now = loop_->now();
     double delay = std::min(quietTime_, device.firstEvent + longestSettle_ - now);
     std::weak_ptr<int> alive = lifetime_;
-    device.timer = loop_->scheduleTimer(std::max(0.0, delay), false, [this, alive, devicePath](Timer&) {
-        if (!alive.expired() && settling_.count(devicePath) != 0) {
-            publish(devicePath);
-        }
-    });
+    device.timer =
+        loop_->scheduleTimer(std::max(0.0, delay), false, [this, alive, devicePath](Timer&) {
+            if (!alive.expired() && settling_.count(devicePath) != 0) {
+                publish(devicePath);
+            }
+        });
 }
 
 void UdevFeeder::publish(const std::string& devicePath) {
@@ -366,10 +379,10 @@ void UdevFeeder::addNow(const std::string& sysPath, const UdevDeviceFacts& facts
     if (description.className == "IOUSBDevice") {
         makeLocationIDUnique(description.properties);
     }
-    io_registry_entry_t before = siblingAfter(parent == IO_OBJECT_NULL ? registry_.root() : parent,
-                                              sysPath);
-    io_registry_entry_t handle = registry_.addEntry(parent, description.className,
-                                                    description.name, description.properties, before);
+    io_registry_entry_t before =
+        siblingAfter(parent == IO_OBJECT_NULL ? registry_.root() : parent, sysPath);
+    io_registry_entry_t handle = registry_.addEntry(parent, description.className, description.name,
+                                                    description.properties, before);
     if (handle == IO_OBJECT_NULL) {
         return;
     }

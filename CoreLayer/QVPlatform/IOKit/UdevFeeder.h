@@ -71,6 +71,8 @@ class UdevFeeder {
     io_registry_entry_t handleFor(const std::string& sysPath) const;
     // Whether libudev could be opened at all (start() says whether hot-plug is followed).
     bool hasUdev() const { return udev_ != nullptr; }
+    // Whether the udev daemon runs: without it the monitor opens but never hears an event.
+    bool isUdevRunning() const;
     // Hot-plugged USB devices not published yet.
     std::size_t settlingDeviceCount() const { return settling_.size(); }
 

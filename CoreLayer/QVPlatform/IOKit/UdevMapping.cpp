@@ -136,8 +136,8 @@ std::optional<std::string> portFunction(const UdevDeviceFacts& facts) {
     if (isSet(facts, "ID_MM_PORT_TYPE_GPS")) {
         return "GPS";
     }
-    if (isSet(facts, "ID_MM_PORT_TYPE_AT_PRIMARY") || isSet(facts, "ID_MM_PORT_TYPE_AT_SECONDARY") ||
-        isSet(facts, "ID_MM_PORT_TYPE_AT_PPP")) {
+    if (isSet(facts, "ID_MM_PORT_TYPE_AT_PRIMARY") ||
+        isSet(facts, "ID_MM_PORT_TYPE_AT_SECONDARY") || isSet(facts, "ID_MM_PORT_TYPE_AT_PPP")) {
         return "AT";
     }
     return std::nullopt;

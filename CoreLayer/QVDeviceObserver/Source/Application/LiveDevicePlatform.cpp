@@ -43,8 +43,12 @@ void LiveDevicePlatform::start() {
         logBoth("No udev device monitor on this machine: only devices present at start are seen");
         return;
     }
+    if (!feeder_->isUdevRunning()) {
+        logBoth("udev is not running on this machine: devices plugged in later are not seen");
+    }
     if (!feeder_->watchOn(RunLoop::current())) {
-        logBoth("The run loop of this thread is not a GLib one: devices plugged in later are not seen");
+        logBoth(
+            "The run loop of this thread is not a GLib one: devices plugged in later are not seen");
     }
 }
 
