@@ -24,6 +24,7 @@ std::vector<qv::Json> jsonLines(const std::string& text) {
 }
 
 TEST(RunCommand, RunsLiveForTheGivenTimeAndEndsWithAClosingLine) {
+    qv::PlatformFactory::resetForTesting();
     qv::PlatformFactory::install(nullptr);  // the live platform, on this machine's udev
     ToolRun run = runQvdevice({"run", "--for", "0.3", "--no-modem"});
     qv::PlatformFactory::install(std::make_shared<qv::ScriptedDevicePlatform>());

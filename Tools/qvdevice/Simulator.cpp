@@ -185,6 +185,7 @@ class SeamInstallation {
         QVDeviceNotificationCenter::defaultDeviceNotificationCenter()->removeAllNotifications();
         qv::setNamedLogSink({});
         QVDeviceObserver::resetSharedForTesting();
+        qv::PlatformFactory::resetForTesting();
         QVDeviceMonitor::resetSharedForTesting();
         QVPrioQueue::resetSharedForTesting();
         QVDeviceNotificationCenter::resetSharedForTesting();

@@ -69,6 +69,18 @@ void PlatformFactory::observerStopped() {
     }
 }
 
+void PlatformFactory::resetForTesting() {
+    std::shared_ptr<DevicePlatform> stopping;
+    {
+        std::lock_guard<std::mutex> lock(state().mutex);
+        state().users = 0;
+        stopping = std::move(state().running);
+    }
+    if (stopping) {
+        stopping->stop();
+    }
+}
+
 int PlatformFactory::observerCount() {
     std::lock_guard<std::mutex> lock(state().mutex);
     return state().users;

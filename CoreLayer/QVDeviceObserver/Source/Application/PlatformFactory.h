@@ -35,6 +35,9 @@ class PlatformFactory {
     static void observerStopped();
     // Observers using the registry now.
     static int observerCount();
+    // Stops the running platform and forgets every user, for a simulator or test that starts a
+    // fresh framework in the same process (observers of before must not be started again).
+    static void resetForTesting();
 };
 
 }  // namespace qv
