@@ -6,6 +6,7 @@
 #include "Application/PlatformFactory.h"
 #include "Application/QVModemStatusListeners.h"
 #include "Foundation/Logging.h"
+#include "IOKit/Registry.h"
 #include "Model/QVDevice.h"
 #include "Model/QVSerialInterface.h"
 #include "QVGsmKit/GsmAsyncRequests.h"
@@ -14,6 +15,9 @@
 namespace {
 
 std::shared_ptr<QVDeviceObserver>& sharedObserver() {
+    // Made first, the registry is destroyed last at exit: the shared observer, destroyed before
+    // it, still hands its devices back to the registry's feed.
+    [[maybe_unused]] static const bool registryFirst = (qv::Registry::shared(), true);
     static std::shared_ptr<QVDeviceObserver> shared;
     return shared;
 }
