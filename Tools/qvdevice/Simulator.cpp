@@ -174,7 +174,7 @@ class SeamInstallation {
         qv::Bundle::setPathForResource("DeviceDatabase", "plist", std::nullopt);
         qv::ApplicationTermination::setHandler({});
         qv::GsmBackend::setCurrent(nullptr);
-        qv::PlatformFactory::install(nullptr);
+        qv::PlatformFactory::install(previousPlatform_);
         resetFrameworkSingletons();
         qv::RunLoop::setCurrent(nullptr);
     }
@@ -193,6 +193,7 @@ class SeamInstallation {
     }
 
     qv::NotificationCenter::Token notificationToken_ = 0;
+    std::shared_ptr<qv::DevicePlatform> previousPlatform_ = qv::PlatformFactory::installed();
 };
 
 // A call into the modem library under the name the framework calls it by.

@@ -29,6 +29,11 @@ void PlatformFactory::install(std::shared_ptr<DevicePlatform> platform) {
     state().installed = std::move(platform);
 }
 
+std::shared_ptr<DevicePlatform> PlatformFactory::installed() {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    return state().installed;
+}
+
 std::shared_ptr<DevicePlatform> PlatformFactory::makeLivePlatform() {
     return std::make_shared<LiveDevicePlatform>();
 }

@@ -25,6 +25,8 @@ class PlatformFactory {
     // The platform for the next first start; nullptr restores the live one. A platform that is
     // running keeps running until its last observer stops.
     static void install(std::shared_ptr<DevicePlatform> platform);
+    // The platform installed now (nullptr: the live one), to put back after a temporary one.
+    static std::shared_ptr<DevicePlatform> installed();
     static std::shared_ptr<DevicePlatform> makeLivePlatform();
 
     // The modem library the live platform uses when none is installed.
