@@ -182,6 +182,28 @@ TEST_F(UdevFeederUmockdev, AHotPluggedStickEntersWhenSettledInInterfaceOrder) {
         EXPECT_EQ(grown.children[3].properties["bInterfaceNumber"], qv::Value(3));
         EXPECT_EQ(grown.children[4].properties["bInterfaceNumber"], qv::Value(10));
 
+        // A stick behind a hub that is there already settles as well, below the hub.
+        gchar* hub = umockdev_testbed_add_device(testbed_, "usb", "4-3", nullptr, "idVendor",
+                                                 "05e3", "idProduct", "0608", nullptr, "DEVTYPE",
+                                                 "usb_device", nullptr);
+        loop->runFor(qv::UdevFeeder::kDefaultQuietTime + 0.2);
+        ASSERT_EQ(registry.tree().children.size(), 2u);
+        gchar* behindHub = umockdev_testbed_add_device(testbed_, "usb", "4-3.1", hub, "idVendor",
+                                                       "12d1", "idProduct", "1406", nullptr,
+                                                       "DEVTYPE", "usb_device", nullptr);
+        loop->runFor(0.1);
+        EXPECT_EQ(feeder.settlingDeviceCount(), 1u);
+        EXPECT_TRUE(registry.tree().children[1].children.empty());
+        loop->runFor(qv::UdevFeeder::kDefaultQuietTime + 0.2);
+        ASSERT_EQ(registry.tree().children[1].children.size(), 1u);
+        EXPECT_EQ(registry.tree().children[1].children[0].properties["locationID"],
+                  qv::Value(0x04310000));
+        umockdev_testbed_uevent(testbed_, hub, "remove");
+        loop->runFor(0.1);
+        EXPECT_EQ(registry.tree().children.size(), 1u);
+        g_free(behindHub);
+        g_free(hub);
+
         // Unplugged while settling: never announced at all.
         gchar* brief = umockdev_testbed_add_device(testbed_, "usb", "4-2", nullptr, "idVendor",
                                                    "12d1", "idProduct", "1406", nullptr, "DEVTYPE",

@@ -314,8 +314,8 @@ void UdevFeeder::add(udev_device* device, bool hotPlug) {
         }
         return;
     }
-    if (hotPlug && loop_ != nullptr && description->className == "IOUSBDevice" &&
-        nearestKnownAncestor(sysPath) == IO_OBJECT_NULL) {
+    // Every hot-plugged USB device settles, one behind a hub as much as one in a root port.
+    if (hotPlug && loop_ != nullptr && description->className == "IOUSBDevice") {
         SettlingDevice& settling = settling_[sysPath];
         settling.declaredInterfaces = declaredInterfaces(facts);
         settling.firstEvent = loop_->now();
