@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The main job: installs what is missing, builds, and plays the shipped hot-plug story (a stick
 # with a driver CD becomes available, is initialised and polled, and is unplugged) in virtual time.
-# Extra arguments go to qvdevice simulate (for example --pretty).
+# Extra arguments go to qvdevice simulate (for example --json or --pretty).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"

@@ -21,10 +21,16 @@ std::string gsmPortPath(const std::string& nameOrPath) {
 
 std::shared_ptr<GsmBackend> GsmBackend::current() {
     std::lock_guard<std::mutex> lock(gBackendMutex);
-    if (!gBackend) {
-        gBackend = std::make_shared<NullGsmBackend>();
+    if (gBackend) {
+        return gBackend;
     }
-    return gBackend;
+    static const auto nullBackend = std::make_shared<NullGsmBackend>();
+    return nullBackend;
+}
+
+bool GsmBackend::isInstalled() {
+    std::lock_guard<std::mutex> lock(gBackendMutex);
+    return gBackend != nullptr;
 }
 
 void GsmBackend::setCurrent(std::shared_ptr<GsmBackend> backend) {

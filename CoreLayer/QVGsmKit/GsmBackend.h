@@ -82,6 +82,8 @@ class GsmBackend {
     static std::shared_ptr<GsmBackend> current();
     // nullptr restores the null backend.
     static void setCurrent(std::shared_ptr<GsmBackend> backend);
+    // Whether someone installed a backend (rather than the null one standing in by default).
+    static bool isInstalled();
 };
 
 }  // namespace qv

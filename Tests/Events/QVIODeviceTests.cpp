@@ -1,6 +1,7 @@
 #include "Events/QVIODevice.h"
 
 #include "DeviceEventsFixture.h"
+#include "IOKit/UdevMapping.h"
 
 namespace {
 
@@ -136,6 +137,41 @@ TEST_F(QVIODeviceTest, DriverBundleIsTheFirstOwnDriverBelowAnAppleStack) {
     add(iface3, "OwnDriver",
         qv::Value(qv::Dictionary{{"CFBundleIdentifier", "com.option.driver.HSO"}}));
     EXPECT_TRUE(QVIODevice::deviceWithServiceEntry(bare)->driverBundle().isNil());
+}
+
+TEST_F(QVIODeviceTest, DriverBundleOfAUdevStickIsTheKernelDriverThatRunsTheModem) {
+    // Entries as the udev feeder makes them: the USB core in the platform's role, the function
+    // driver on the ttys and disks it created.
+    auto describe = [](const char* subsystem, const char* devtype, const char* name,
+                       const char* driver, const char* interfaceDriver) {
+        qv::UdevDeviceFacts facts;
+        facts.subsystem = subsystem;
+        facts.devtype = devtype;
+        facts.sysname = name;
+        facts.driver = driver;
+        facts.interfaceDriver = interfaceDriver;
+        return *qv::describeUdevDevice(facts);
+    };
+    auto put = [this](io_registry_entry_t parent, const qv::RegistryEntryDescription& entry) {
+        return add(parent, entry.className, entry.properties);
+    };
+    io_registry_entry_t stick =
+        put(IO_OBJECT_NULL, describe("usb", "usb_device", "1-2", "usb", ""));
+    io_registry_entry_t storage =
+        put(stick, describe("usb", "usb_interface", "1-2:1.0", "usb-storage", ""));
+    put(storage, describe("block", "disk", "sr0", "", "usb-storage"));
+    io_registry_entry_t modem =
+        put(stick, describe("usb", "usb_interface", "1-2:1.1", "option", ""));
+    put(modem, describe("tty", "", "ttyUSB0", "", "option"));
+    EXPECT_EQ(QVIODevice::deviceWithServiceEntry(stick)->driverBundle(), qv::Value("option"));
+
+    // A stick that shows only its storage function has no driver of its own.
+    io_registry_entry_t cdOnly =
+        put(IO_OBJECT_NULL, describe("usb", "usb_device", "1-3", "usb", ""));
+    io_registry_entry_t cdStorage =
+        put(cdOnly, describe("usb", "usb_interface", "1-3:1.0", "usb-storage", ""));
+    put(cdStorage, describe("block", "disk", "sr1", "", "usb-storage"));
+    EXPECT_TRUE(QVIODevice::deviceWithServiceEntry(cdOnly)->driverBundle().isNil());
 }
 
 TEST_F(QVIODeviceTest, DescriptionDumpAndReferences) {

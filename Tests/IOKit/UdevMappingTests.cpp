@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "IOKit/UdevMapping.h"
@@ -39,6 +42,74 @@ TEST(UdevMapping, LocationIDPutsTheBusInTheTopByteAndOneNibblePerPort) {
           "1-2a", "+1-2", "1-2:1.0", "usb1", "01234-1", "1-002"}) {
         EXPECT_EQ(qv::locationIDFromUSBName(bad), std::nullopt) << bad;
     }
+}
+
+TEST(UdevMapping, EveryWellFormedUSBNameGetsAStableUniqueLocationID) {
+    // Where the original encoding fits it is used unchanged.
+    EXPECT_EQ(qv::stableLocationIDFromUSBName("3-1.4.2"), 0x03142000u);
+    // Past it: the bus byte, a zero first nibble no encoded ID has, and a hash of the chain.
+    std::set<std::uint32_t> seen;
+    for (const char* name : {"1-16", "1-17", "1-99", "2-1.2.3.4.5.6.7", "2-1.2.3.4.5.6.8", "2-16.1",
+                             "2-1.16", "255-200"}) {
+        auto location = qv::stableLocationIDFromUSBName(name);
+        ASSERT_TRUE(location) << name;
+        EXPECT_EQ(*location >> 24, static_cast<std::uint32_t>(std::stoi(name)));
+        EXPECT_EQ((*location >> 20) & 0xF, 0u) << name;
+        EXPECT_NE(*location & 0xFFFFF, 0u) << name;
+        EXPECT_EQ(qv::stableLocationIDFromUSBName(name), location) << "stable";
+        seen.insert(*location);
+    }
+    EXPECT_EQ(seen.size(), 8u);
+    for (const char* bad : {"", "1", "1-", "0-16", "256-16", "x-16", "1-16a", "1-2:1.0", "usb1"}) {
+        EXPECT_EQ(qv::stableLocationIDFromUSBName(bad), std::nullopt) << bad;
+    }
+}
+
+TEST(UdevMapping, PortFunctionsComeFromUdevMarks) {
+    auto tty = [](std::map<std::string, std::string, std::less<>> properties) {
+        auto facts = node("tty", "", "ttyUSB1");
+        facts.properties = std::move(properties);
+        return qv::describeUdevDevice(facts)->properties[qv::kPortFunctionKey];
+    };
+    EXPECT_EQ(tty({{"ID_MM_PORT_TYPE_QCDM", "1"}}), qv::Value("QCDM"));
+    EXPECT_EQ(tty({{"ID_MM_PORT_TYPE_GPS", "1"}}), qv::Value("GPS"));
+    EXPECT_EQ(tty({{"ID_MM_PORT_IGNORE", "1"}, {"ID_MM_PORT_TYPE_AT_PRIMARY", "1"}}),
+              qv::Value("Ignore"));
+    EXPECT_EQ(tty({{"ID_MM_PORT_TYPE_AT_PPP", "1"}}), qv::Value("AT"));
+    EXPECT_TRUE(tty({{"ID_MM_PORT_TYPE_QCDM", "0"}}).isNil());
+    EXPECT_TRUE(tty({}).isNil());
+    EXPECT_TRUE(qv::isPortFunctionForAT("AT"));
+    for (const char* other : {"QCDM", "GPS", "Ignore", ""}) {
+        EXPECT_FALSE(qv::isPortFunctionForAT(other)) << other;
+    }
+}
+
+TEST(UdevMapping, DriverBundlesNameTheFunctionDriverAndMarkTheGenericOnes) {
+    EXPECT_EQ(qv::describeUdevDevice(usbDevice("1-2"))->properties["CFBundleIdentifier"],
+              qv::Value("com.apple.kernel.usb"));
+    auto tty = node("tty", "", "ttyUSB0");
+    tty.interfaceDriver = "option";
+    EXPECT_EQ(qv::describeUdevDevice(tty)->properties["CFBundleIdentifier"], qv::Value("option"));
+    auto net = node("net", "", "wwan0");
+    net.interfaceDriver = "qmi_wwan";
+    EXPECT_EQ(qv::describeUdevDevice(net)->properties["CFBundleIdentifier"], qv::Value("qmi_wwan"));
+    auto cd = node("block", "disk", "sr0");
+    cd.interfaceDriver = "usb-storage";
+    EXPECT_EQ(qv::describeUdevDevice(cd)->properties["CFBundleIdentifier"],
+              qv::Value("com.apple.kernel.usb-storage"));
+    auto storage = node("usb", "usb_interface", "1-2:1.3");
+    storage.driver = "usb-storage";
+    EXPECT_EQ(qv::describeUdevDevice(storage)->properties["CFBundleIdentifier"],
+              qv::Value("com.apple.kernel.usb-storage"));
+    auto serial = node("usb", "usb_interface", "1-2:1.0");
+    serial.driver = "option";
+    EXPECT_TRUE(qv::describeUdevDevice(serial)->properties["CFBundleIdentifier"].isNil());
+    // Unbound, or a name that is no kernel driver's: nothing claimed.
+    EXPECT_TRUE(qv::describeUdevDevice(node("tty", "", "ttyUSB0"))
+                    ->properties["CFBundleIdentifier"]
+                    .isNil());
+    tty.interfaceDriver = "bad driver/name";
+    EXPECT_TRUE(qv::describeUdevDevice(tty)->properties["CFBundleIdentifier"].isNil());
 }
 
 TEST(UdevMapping, HexAttributesParseStrictly) {
@@ -81,10 +152,11 @@ TEST(UdevMapping, HostileUSBAttributesLeaveThePropertyOut) {
                         {"manufacturer", std::string(4000, 'A')}};
     auto entry = qv::describeUdevDevice(facts);
     ASSERT_TRUE(entry);
-    for (const char* key :
-         {"idVendor", "idProduct", "USB Product Name", "USB Vendor Name", "locationID"}) {
+    for (const char* key : {"idVendor", "idProduct", "USB Product Name", "USB Vendor Name"}) {
         EXPECT_TRUE(entry->properties[key].isNil()) << key;
     }
+    EXPECT_EQ(entry->properties["locationID"],
+              qv::Value(*qv::stableLocationIDFromUSBName("1-200")));
     EXPECT_FALSE(qv::describeUdevDevice(usbDevice(std::string(100, '1'))));
 }
 

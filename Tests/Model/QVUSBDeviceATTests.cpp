@@ -64,6 +64,33 @@ TEST_F(QVUSBDeviceATTest, ProbesSkipDiagnosticsGpsAndControlPortsAndStopAtTheFir
     EXPECT_EQ(backend->calls()[1].deviceId, 241);
 }
 
+TEST_F(QVUSBDeviceATTest, PortsThePlatformMarkedAreNeverProbedWhateverTheirNames) {
+    auto io = stick({"ttyUSB0", "ttyUSB1", "ttyUSB2", "ttyUSB3"});
+    // udev rules marked ttyUSB0 as diagnostics, ttyUSB1 as GPS, ttyUSB2 as no modem port; the
+    // serial clients are the interfaces' only children.
+    auto& registry = qv::Registry::shared();
+    const char* marks[] = {"QCDM", "GPS", "Ignore", "AT"};
+    auto interfaces = registry.entryChildren(io->representedEntry());
+    ASSERT_EQ(interfaces.size(), 4u);
+    for (std::size_t i = 0; i < interfaces.size(); ++i) {
+        registry.setProperties(registry.entryChildren(interfaces[i])[0],
+                               qv::Value(qv::Dictionary{{"PortFunction", marks[i]}}));
+    }
+    io->updateFromIORegistry();
+    auto backend = install(qv::Dictionary{
+        {"ttyUSB0", qv::Dictionary{{"identify", qv::Dictionary{{"deviceId", 1}}}}},
+        {"ttyUSB1", qv::Dictionary{{"identify", qv::Dictionary{{"deviceId", 2}}}}},
+        {"ttyUSB2", qv::Dictionary{{"identify", qv::Dictionary{{"deviceId", 3}}}}},
+        {"ttyUSB3", qv::Dictionary{{"identify", qv::Dictionary{{"deviceId", 241}}}}},
+    });
+    auto device = QVUSBDevice::device();
+    ASSERT_TRUE(device->couldIdentifyWithATCommandsFromIODevice(*io));
+    EXPECT_EQ(device->quorvelID(), 241);
+    EXPECT_EQ(triedPorts(*backend), (Paths{"/dev/cu.ttyUSB3"}));
+    // The marks only keep AT away: the ports are still the device's.
+    EXPECT_EQ(io->portPaths().size(), 4u);
+}
+
 TEST_F(QVUSBDeviceATTest, ProbesThatFindNoModem) {
     auto io = stick({"ttyUSB0", "ttyDiag1"});
     install(qv::Dictionary{

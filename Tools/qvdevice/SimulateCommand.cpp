@@ -1,9 +1,11 @@
-// qvdevice simulate SCENARIO.json [--pretty] [--until SECONDS]: plays a hot-plug story in virtual
-// time through the framework and prints every event, one JSON object per line.
+// qvdevice simulate SCENARIO.json [--pretty|--json] [--until SECONDS]: plays a hot-plug story in
+// virtual time through the framework and prints every event, one line each: aligned for a
+// terminal, JSON objects otherwise.
 #include <memory>
 #include <string>
 
 #include "CommandContext.h"
+#include "OutputStyle.h"
 #include "Simulator.h"
 
 namespace qvdevice {
@@ -13,6 +15,7 @@ namespace {
 struct SimulateOptions {
     std::string scenario;
     bool pretty = false;
+    bool json = false;
     double until = -1.0;
 };
 
@@ -32,7 +35,8 @@ int runSimulate(const SimulateOptions& options, CommandContext& context) {
         context.err << "qvdevice simulate: " << result.error << '\n';
         return 2;
     }
-    writeEvents(context.out, result.events, options.pretty);
+    writeEvents(context.out, result.events,
+                wantsPrettyLines(options.pretty, options.json, context.out));
     context.out.flush();
     return context.out ? 0 : 1;
 }
@@ -40,9 +44,12 @@ int runSimulate(const SimulateOptions& options, CommandContext& context) {
 void addSimulateCommand(CLI::App& app, CommandContext& context) {
     auto options = std::make_shared<SimulateOptions>();
     CLI::App* command = app.add_subcommand(
-        "simulate", "Play a hot-plug scenario in virtual time, print the events as JSON lines");
+        "simulate", "Play a hot-plug scenario in virtual time and print its events");
     command->add_option("scenario", options->scenario, "scenario JSON file")->required();
-    command->add_flag("--pretty", options->pretty, "aligned human-readable lines instead of JSON");
+    auto* pretty = command->add_flag("--pretty", options->pretty,
+                                     "aligned human-readable lines (the default on a terminal)");
+    command->add_flag("--json", options->json, "JSON lines (the default into a pipe or file)")
+        ->excludes(pretty);
     command
         ->add_option("--until", options->until, "virtual seconds to play (default: the scenario's)")
         ->check(virtualSeconds());

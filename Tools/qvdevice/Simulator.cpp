@@ -4,15 +4,16 @@
 #include <fstream>
 #include <memory>
 
+#include "Application/PlatformFactory.h"
 #include "Application/QVDeviceObserver.h"
 #include "Application/QVPrioQueue.h"
+#include "Application/ScriptedDevicePlatform.h"
 #include "Events/QVDeviceNotificationCenter.h"
 #include "Foundation/Logging.h"
 #include "Foundation/NotificationCenter.h"
 #include "Foundation/Platform.h"
 #include "Foundation/Task.h"
 #include "IOKit/Registry.h"
-#include "IOKit/ScriptedFeeder.h"
 #include "Model/QVDevice.h"
 #include "PreparationStory.h"
 #include "QVGsmKit/GsmBackend.h"
@@ -174,6 +175,7 @@ class SeamInstallation {
         qv::Bundle::setPathForResource("DeviceDatabase", "plist", std::nullopt);
         qv::ApplicationTermination::setHandler({});
         qv::GsmBackend::setCurrent(nullptr);
+        qv::PlatformFactory::install(previousPlatform_);
         resetFrameworkSingletons();
         qv::RunLoop::setCurrent(nullptr);
     }
@@ -184,6 +186,7 @@ class SeamInstallation {
         QVDeviceNotificationCenter::defaultDeviceNotificationCenter()->removeAllNotifications();
         qv::setNamedLogSink({});
         QVDeviceObserver::resetSharedForTesting();
+        qv::PlatformFactory::resetForTesting();
         QVDeviceMonitor::resetSharedForTesting();
         QVPrioQueue::resetSharedForTesting();
         QVDeviceNotificationCenter::resetSharedForTesting();
@@ -191,6 +194,7 @@ class SeamInstallation {
     }
 
     qv::NotificationCenter::Token notificationToken_ = 0;
+    std::shared_ptr<qv::DevicePlatform> previousPlatform_ = qv::PlatformFactory::installed();
 };
 
 // A call into the modem library under the name the framework calls it by.
@@ -320,11 +324,17 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
         observer->setAutorepeatNetInfo(*options.autorepeatNetInfo);
     }
 
-    qv::ScriptedFeeder feeder(qv::Registry::shared(), scenario.timeline);
-    feeder.schedule(*loop, origin);
-    preparation = std::make_unique<PreparationStory>(options.preparation, qv::Registry::shared(),
-                                                     feeder, *loop, origin);
+    // The story feeds the registry through the platform factory, in place of udev.
+    auto platform = std::make_shared<qv::ScriptedDevicePlatform>(scenario.timeline, origin);
+    qv::PlatformFactory::install(platform);
     observer->start();
+    // The platform's feeder exists once the first observer has started it.
+    if (platform->feeder() == nullptr) {
+        result.error = "the story's device platform did not start";
+        return result;
+    }
+    preparation = std::make_unique<PreparationStory>(options.preparation, qv::Registry::shared(),
+                                                     *platform->feeder(), *loop, origin);
     preparation->startApplication();
     if (options.startQueue) {
         QVPrioQueue::getInstance()->startExecution();

@@ -1,5 +1,6 @@
 #include "Platform.h"
 
+#include <dlfcn.h>
 #include <gio/gio.h>
 
 #include <algorithm>
@@ -10,6 +11,11 @@
 #include <map>
 #include <system_error>
 #include <utility>
+
+// Builds that compile this file on its own (the fuzzers) assume the usual layout.
+#ifndef QV_RESOURCES_FROM_LIBRARY_DIR
+#define QV_RESOURCES_FROM_LIBRARY_DIR "../share/QVDeviceObserver/Resources"
+#endif
 
 namespace qv {
 
@@ -40,6 +46,37 @@ bool isPlainFileName(const std::string& name) {
            name.find('\0') == std::string::npos;
 }
 
+// The directory of the shared object that holds this code (the framework library), or empty.
+std::string libraryDirectory() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&libraryDirectory), &info) == 0 ||
+        info.dli_fname == nullptr) {
+        return {};
+    }
+    std::error_code ec;
+    std::filesystem::path library = std::filesystem::canonical(info.dli_fname, ec);
+    return ec ? std::string() : library.parent_path().string();
+}
+
+// The resources of the framework that is running: where the install put them relative to the
+// library (a relocated prefix included), or the copy beside the library in a build tree. Empty
+// when neither exists, so that the compiled-in places are tried.
+std::string resourcesBesideLibrary() {
+    std::string directory = libraryDirectory();
+    if (directory.empty()) {
+        return {};
+    }
+    for (const char* relative : {QV_RESOURCES_FROM_LIBRARY_DIR, "Resources"}) {
+        std::error_code ec;
+        std::filesystem::path candidate =
+            std::filesystem::weakly_canonical(std::filesystem::path(directory) / relative, ec);
+        if (!ec && isRegularFile((candidate / "DeviceDatabase.plist").string())) {
+            return candidate.string();
+        }
+    }
+    return {};
+}
+
 }  // namespace
 
 // ---- Bundle ----
@@ -54,6 +91,10 @@ std::string Bundle::resourcesDirectory() {
     const char* fromEnvironment = std::getenv("QVDEVICEOBSERVER_RESOURCES");
     if (fromEnvironment != nullptr && *fromEnvironment != '\0') {
         return fromEnvironment;
+    }
+    static const std::string besideLibrary = resourcesBesideLibrary();
+    if (!besideLibrary.empty()) {
+        return besideLibrary;
     }
     if (isDirectory(QV_INSTALL_RESOURCES_DIR)) {
         return QV_INSTALL_RESOURCES_DIR;

@@ -14,8 +14,10 @@
 namespace qv {
 
 // Bundle resources. The directory is, in this order: the one set by setResourcesDirectory(), the
-// environment variable QVDEVICEOBSERVER_RESOURCES, the installed one when it exists, the build
-// tree's copy.
+// environment variable QVDEVICEOBSERVER_RESOURCES (development), the resources of the framework
+// library that is running, found from the library's own location (dladdr): the install's data
+// directory relative to the library, or the build tree's copy beside it; then the compiled-in
+// install directory when it exists, then the build tree's copy.
 class Bundle {
   public:
     static std::string resourcesDirectory();

@@ -131,7 +131,8 @@ bool Registry::classConformsTo(const std::string& className, const std::string& 
 }
 
 io_registry_entry_t Registry::addEntry(io_registry_entry_t parent, const std::string& className,
-                                       const std::string& name, Value properties) {
+                                       const std::string& name, Value properties,
+                                       io_registry_entry_t before) {
     if (parent == IO_OBJECT_NULL) {
         parent = rootHandle_;
     }
@@ -150,7 +151,8 @@ io_registry_entry_t Registry::addEntry(io_registry_entry_t parent, const std::st
     entry->properties = std::move(properties);
     entry->parent = parent;
     objects_[handle] = std::move(entry);
-    parentObject->children.push_back(handle);
+    auto& siblings = parentObject->children;
+    siblings.insert(std::find(siblings.begin(), siblings.end(), before), handle);
     reportToNotifications(handle, true);
     return handle;
 }

@@ -48,9 +48,11 @@ class Registry {
     io_registry_entry_t root() const { return rootHandle_; }
     // Adds an entry below `parent` (IO_OBJECT_NULL: below the root). The name defaults to the
     // class. Returns IO_OBJECT_NULL when the parent does not exist or is no longer attached. The
-    // returned handle is the tree's; the feeder does not release it.
+    // returned handle is the tree's; the feeder does not release it. With `before` (a child of
+    // `parent`) the entry stands in front of that sibling rather than last.
     io_registry_entry_t addEntry(io_registry_entry_t parent, const std::string& className,
-                                 const std::string& name, Value properties);
+                                 const std::string& name, Value properties,
+                                 io_registry_entry_t before = IO_OBJECT_NULL);
     // Merges `properties` (a dictionary) into the entry's properties. A nil value removes a key.
     bool setProperties(io_registry_entry_t entry, const Value& properties);
     // Terminates the entry and everything below it (children first in the notifications' view:

@@ -99,6 +99,50 @@ void setHex(Value& properties, const char* key, const std::string* text, std::si
     }
 }
 
+bool isKernelDriverName(std::string_view driver) {
+    if (driver.empty() || driver.size() > kMaxKernelName) {
+        return false;
+    }
+    for (char c : driver) {
+        if (c <= ' ' || c > '~' || c == '/') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// "CFBundleIdentifier" for an entry created or run by `driver`.
+void setDriverBundle(Value& properties, const std::string& driver) {
+    if (!isKernelDriverName(driver)) {
+        return;
+    }
+    properties.set("CFBundleIdentifier",
+                   isGenericUSBDriver(driver) ? kPlatformDriverPrefix + driver : driver);
+}
+
+bool isSet(const UdevDeviceFacts& facts, std::string_view property) {
+    auto it = facts.properties.find(property);
+    return it != facts.properties.end() && it->second == "1";
+}
+
+// What udev rules (ModemManager's port type marks, for one) say a tty carries.
+std::optional<std::string> portFunction(const UdevDeviceFacts& facts) {
+    if (isSet(facts, "ID_MM_PORT_IGNORE")) {
+        return "Ignore";
+    }
+    if (isSet(facts, "ID_MM_PORT_TYPE_QCDM")) {
+        return "QCDM";
+    }
+    if (isSet(facts, "ID_MM_PORT_TYPE_GPS")) {
+        return "GPS";
+    }
+    if (isSet(facts, "ID_MM_PORT_TYPE_AT_PRIMARY") ||
+        isSet(facts, "ID_MM_PORT_TYPE_AT_SECONDARY") || isSet(facts, "ID_MM_PORT_TYPE_AT_PPP")) {
+        return "AT";
+    }
+    return std::nullopt;
+}
+
 RegistryEntryDescription entry(const char* className, Value properties) {
     return {className, className, std::move(properties)};
 }
@@ -113,9 +157,11 @@ std::optional<RegistryEntryDescription> describeUSB(const UdevDeviceFacts& facts
         setHex(properties, "idProduct", attribute(facts, "idProduct"), 4);
         setText(properties, "USB Product Name", attribute(facts, "product"));
         setText(properties, "USB Vendor Name", attribute(facts, "manufacturer"));
-        if (auto location = locationIDFromUSBName(facts.sysname)) {
+        if (auto location = stableLocationIDFromUSBName(facts.sysname)) {
             properties.set("locationID", Value::integer(*location));
         }
+        // The USB core's generic device driver is the platform's own, whatever udev reports.
+        setDriverBundle(properties, "usb");
         return entry("IOUSBDevice", std::move(properties));
     }
     if (facts.devtype == "usb_interface") {
@@ -124,6 +170,9 @@ std::optional<RegistryEntryDescription> describeUSB(const UdevDeviceFacts& facts
         if (!facts.driver.empty() && facts.driver.size() <= kMaxKernelName &&
             isValidUTF8(facts.driver)) {
             properties.set("Driver", facts.driver);
+            if (isGenericUSBDriver(facts.driver)) {
+                setDriverBundle(properties, facts.driver);
+            }
         }
         return entry("IOUSBInterface", std::move(properties));
     }
@@ -132,9 +181,30 @@ std::optional<RegistryEntryDescription> describeUSB(const UdevDeviceFacts& facts
 
 }  // namespace
 
-const char* const kUdevMappedAttributes[] = {"idVendor",     "idProduct",        "product",
-                                             "manufacturer", "bInterfaceNumber", "bInterfaceClass",
+const char* const kUdevMappedAttributes[] = {
+    "idVendor",         "idProduct",       "product",        "manufacturer",
+    "bInterfaceNumber", "bInterfaceClass", "bNumInterfaces", nullptr};
+
+const char* const kUdevMappedProperties[] = {"ID_MM_PORT_IGNORE",
+                                             "ID_MM_PORT_TYPE_QCDM",
+                                             "ID_MM_PORT_TYPE_GPS",
+                                             "ID_MM_PORT_TYPE_AT_PRIMARY",
+                                             "ID_MM_PORT_TYPE_AT_SECONDARY",
+                                             "ID_MM_PORT_TYPE_AT_PPP",
                                              nullptr};
+
+bool isGenericUSBDriver(std::string_view driver) {
+    for (std::string_view generic : {"usb", "hub", "usbfs", "usb-storage", "uas", "usbhid"}) {
+        if (driver == generic) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool isPortFunctionForAT(std::string_view function) {
+    return function == "AT";
+}
 
 std::optional<std::uint32_t> parseSysfsHex(std::string_view text, std::size_t maxDigits) {
     if (text.empty() || text.size() > maxDigits || maxDigits > 8) {
@@ -171,6 +241,32 @@ std::optional<std::uint32_t> locationIDFromUSBName(std::string_view name) {
         }
         ports.remove_prefix(dot + 1);
     }
+}
+
+std::optional<std::uint32_t> stableLocationIDFromUSBName(std::string_view name) {
+    if (auto location = locationIDFromUSBName(name)) {
+        return location;
+    }
+    std::size_t dash = name.find('-');
+    if (dash == std::string_view::npos || name.size() > kMaxKernelName) {
+        return std::nullopt;
+    }
+    auto bus = parseDecimal(name.substr(0, dash), 3);
+    std::string_view ports = name.substr(dash + 1);
+    if (!bus || *bus == 0 || *bus > 0xFF || ports.empty()) {
+        return std::nullopt;
+    }
+    for (char c : ports) {
+        if (!isDigit(c) && c != '.') {
+            return std::nullopt;
+        }
+    }
+    std::uint32_t hash = 2166136261u;
+    for (char c : ports) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 16777619u;
+    }
+    std::uint32_t low = (hash ^ (hash >> 20)) & 0xFFFFF;
+    return (*bus << 24) | (low == 0 ? 1u : low);
 }
 
 bool sysPathOrderLess(std::string_view a, std::string_view b) {
@@ -225,9 +321,13 @@ std::optional<RegistryEntryDescription> describeUdevDevice(const UdevDeviceFacts
         return describeUSB(facts);
     }
     Value properties{Dictionary{}};
+    setDriverBundle(properties, facts.interfaceDriver);
     if (facts.subsystem == "tty" && isModemTTYName(name)) {
         properties.set("IOTTYDevice", name);
         properties.set("IOCalloutDevice", "/dev/cu." + name);
+        if (auto function = portFunction(facts)) {
+            properties.set(kPortFunctionKey, *function);
+        }
         return entry("IOSerialBSDClient", std::move(properties));
     }
     if (facts.subsystem == "net" && isNetworkInterfaceName(name)) {

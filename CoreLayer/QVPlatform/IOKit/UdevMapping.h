@@ -25,6 +25,11 @@ struct UdevDeviceFacts {
     std::string sysname;    // kernel name: "1-2.3", "1-2.3:1.0", "ttyUSB0", "wwan0", "sda1"
     std::string driver;     // bound driver, empty when none
     std::map<std::string, std::string, std::less<>> attributes;  // sysfs attributes by name
+    // udev properties by name (only those in kUdevMappedProperties are read).
+    std::map<std::string, std::string, std::less<>> properties;
+    // The driver of the USB interface a tty, network interface or disk hangs below; empty when
+    // none is bound or the device is no interface's function.
+    std::string interfaceDriver;
 };
 
 struct RegistryEntryDescription {
@@ -35,6 +40,22 @@ struct RegistryEntryDescription {
 
 // The sysfs attributes the mapping reads, null-terminated.
 extern const char* const kUdevMappedAttributes[];
+// The udev properties the mapping reads (port functions marked by udev rules), null-terminated.
+extern const char* const kUdevMappedProperties[];
+
+// The prefix of a "CFBundleIdentifier" that the framework treats as the platform's own driver.
+// Linux's generic USB core drivers ("usb", "usb-storage", "usbhid", ...) stand in that role, as
+// "com.apple.kernel.<driver>"; a function driver ("option", "qcserial", "cdc_acm") is published
+// under its plain kernel name on the tty, network or disk entry it created, so that the snapshot's
+// driver bundle names the driver that runs the modem.
+inline constexpr const char* kPlatformDriverPrefix = "com.apple.kernel.";
+bool isGenericUSBDriver(std::string_view driver);
+
+// A serial port's function as udev rules mark it ("PortFunction" on the IOSerialBSDClient):
+// "QCDM" (diagnostics), "GPS", "Ignore" (not a modem port at all) or "AT". Ports without a mark
+// carry no "PortFunction". Only "AT" and unmarked ports are ever probed with AT commands.
+inline constexpr const char* kPortFunctionKey = "PortFunction";
+bool isPortFunctionForAT(std::string_view function);
 
 // The registry entry for a device, or nothing when the device is not one the registry shows
 // (root hubs, virtual ttys, disks of other kinds) or its kernel name is malformed. A whole disk
@@ -47,6 +68,13 @@ std::optional<RegistryEntryDescription> describeUdevDevice(const UdevDeviceFacts
 // name is malformed, a number does not fit (bus 1-255, port 1-15) or the chain is deeper than
 // the six nibbles that remain.
 std::optional<std::uint32_t> locationIDFromUSBName(std::string_view name);
+
+// The location ID every well-formed USB device name gets: the original encoding where it fits;
+// otherwise (a port above 15, a chain deeper than six) the bus in the top byte, a zero first
+// nibble (which the original encoding never has, since ports count from 1) and a 20-bit FNV-1a
+// hash of the port chain, never 0. Stable for a socket; the feeder resolves the rare clash of two
+// present devices by taking the next free value. Nothing only for a malformed name or bus.
+std::optional<std::uint32_t> stableLocationIDFromUSBName(std::string_view name);
 
 // Strict parse of a sysfs hexadecimal attribute ("12d1", "0a"): 1 to `maxDigits` hex digits and
 // nothing else.

@@ -3,8 +3,10 @@
 #include <mutex>
 #include <set>
 
+#include "Application/PlatformFactory.h"
 #include "Application/QVModemStatusListeners.h"
 #include "Foundation/Logging.h"
+#include "IOKit/Registry.h"
 #include "Model/QVDevice.h"
 #include "Model/QVSerialInterface.h"
 #include "QVGsmKit/GsmAsyncRequests.h"
@@ -13,6 +15,9 @@
 namespace {
 
 std::shared_ptr<QVDeviceObserver>& sharedObserver() {
+    // Made first, the registry is destroyed last at exit: the shared observer, destroyed before
+    // it, still hands its devices back to the registry's feed.
+    [[maybe_unused]] static const bool registryFirst = (qv::Registry::shared(), true);
     static std::shared_ptr<QVDeviceObserver> shared;
     return shared;
 }
@@ -85,6 +90,7 @@ QVDeviceObserver::QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor)
 
 QVDeviceObserver::~QVDeviceObserver() {
     setAlive(this, false);
+    releasePlatform();
     if (_deviceMonitor && _deviceMonitor->delegate() == this) {
         _deviceMonitor->setDelegate(nullptr);
     }
@@ -92,6 +98,11 @@ QVDeviceObserver::~QVDeviceObserver() {
 
 void QVDeviceObserver::start() {
     _deviceList.clear();
+    // The registry's feed (udev on a real machine) runs while any observer is started.
+    if (!_usesPlatform) {
+        _usesPlatform = true;
+        qv::PlatformFactory::observerStarted();
+    }
     if (_deviceMonitor) {
         _deviceMonitor->setDelegate(this);
         _deviceMonitor->start();
@@ -104,6 +115,14 @@ void QVDeviceObserver::stop() {
     if (_deviceMonitor) {
         _deviceMonitor->setDelegate(nullptr);
         _deviceMonitor->teardown();
+    }
+    releasePlatform();
+}
+
+void QVDeviceObserver::releasePlatform() {
+    if (_usesPlatform) {
+        _usesPlatform = false;
+        qv::PlatformFactory::observerStopped();
     }
 }
 

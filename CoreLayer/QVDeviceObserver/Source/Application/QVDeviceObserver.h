@@ -79,6 +79,8 @@ class QVDeviceObserver : public QVDeviceEventCallbacks,
     explicit QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor);
 
   private:
+    void releasePlatform();
+
     std::int32_t _defaultDevice = -1;
     qv::Value _netInfo;
     qv::Value _deviceInfo;
@@ -86,4 +88,5 @@ class QVDeviceObserver : public QVDeviceEventCallbacks,
     std::vector<std::shared_ptr<QVDevice>> _deviceList;
     bool _autorepeatNetInfo = true;
     std::shared_ptr<QVDeviceMonitor> _deviceMonitor;
+    bool _usesPlatform = false;  // counted among the registry's users (PlatformFactory)
 };

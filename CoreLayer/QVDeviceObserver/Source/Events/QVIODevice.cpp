@@ -1,5 +1,6 @@
 #include "QVIODevice.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <typeinfo>
@@ -7,6 +8,7 @@
 #include "Foundation/Format.h"
 #include "Foundation/Logging.h"
 #include "IOKit/IOKitLib.h"
+#include "IOKit/UdevMapping.h"
 #include "RunLoop/RunLoop.h"
 
 namespace {
@@ -125,6 +127,7 @@ void QVIODevice::updateFromIORegistry() {
     }
     _ports.clear();
     _portsPaths.clear();
+    _portsNotForAT.clear();
     while (io_registry_entry_t entry = IOIteratorNext(below)) {
         examineDescendant(entry);
         IOObjectRelease(entry);
@@ -145,6 +148,10 @@ void QVIODevice::examineDescendant(io_registry_entry_t entry) {
         qv::Value callout = IORegistryEntryCreateCFProperty(entry, "IOCalloutDevice");
         if (const std::string* text = callout.asString()) {
             _portsPaths.push_back(*text);
+            qv::Value function = IORegistryEntryCreateCFProperty(entry, qv::kPortFunctionKey);
+            if (function.isString() && !qv::isPortFunctionForAT(*function.asString())) {
+                _portsNotForAT.push_back(*text);
+            }
         }
     }
     if (_driverBundle.isNil()) {
@@ -193,6 +200,10 @@ void QVIODevice::findDriverBundleAt(io_registry_entry_t entry) {
         }
     }
     IOObjectRelease(children);
+}
+
+bool QVIODevice::isPortForATCommands(const std::string& path) const {
+    return std::find(_portsNotForAT.begin(), _portsNotForAT.end(), path) == _portsNotForAT.end();
 }
 
 bool QVIODevice::isEqual(const qv::Object& other) const {

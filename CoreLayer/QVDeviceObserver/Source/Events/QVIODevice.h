@@ -36,6 +36,9 @@ class QVIODevice : public qv::Object {
     // "IOTTYDevice" names and "IOCalloutDevice" paths; not necessarily of the same length.
     const std::vector<std::string>& ports() const { return _ports; }
     const std::vector<std::string>& portPaths() const { return _portsPaths; }
+    // Whether a callout path may be asked AT commands: false for ports that the platform marked
+    // as diagnostics, GPS or no modem port at all ("PortFunction" on the serial client).
+    bool isPortForATCommands(const std::string& path) const;
     const qv::Value& ethernetInterfaceName() const { return _ethernetInterfaceName; }
     const qv::Value& driverDiskName() const { return _driverDiskName; }
     const qv::Value& secondaryDiskName() const { return _secondaryDiskName; }
@@ -78,6 +81,7 @@ class QVIODevice : public qv::Object {
     std::int32_t _productID = 0;
     qv::Value _locationId;
     std::vector<std::string> _ports;
+    std::vector<std::string> _portsNotForAT;
     std::vector<std::string> _portsPaths;
     qv::Value _ethernetInterfaceName;
     qv::Value _driverDiskName;

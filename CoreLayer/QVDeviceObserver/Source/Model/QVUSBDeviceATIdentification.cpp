@@ -13,7 +13,8 @@
 namespace {
 
 // Ports that carry diagnostics, GPS or the WWAN control channel never answer AT commands; asking
-// them only costs the library's time-outs.
+// them only costs the library's time-outs. Ports the platform marked as such (udev rules) are
+// skipped the same way, whatever their names.
 bool isProbeablePort(const std::string& path) {
     static const std::array<icu::UnicodeString, 3> kSkipWords = {
         icu::UnicodeString(u"diag"), icu::UnicodeString(u"gps"), icu::UnicodeString(u"wwancntl")};
@@ -32,7 +33,7 @@ bool isProbeablePort(const std::string& path) {
 std::shared_ptr<CoreCommand> firstSuccessfulCommand(const QVIODevice& ioDevice, std::int32_t number,
                                                     std::int32_t quorvelID) {
     for (const auto& path : ioDevice.portPaths()) {
-        if (!isProbeablePort(path)) {
+        if (!isProbeablePort(path) || !ioDevice.isPortForATCommands(path)) {
             continue;
         }
         const CoreCommandBuilder builder;

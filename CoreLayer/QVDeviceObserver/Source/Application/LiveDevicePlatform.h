@@ -1,0 +1,32 @@
+// qv::LiveDevicePlatform: the framework on this machine's devices. Starting it installs the
+// default modem library (when nobody installed one), adds every device present through the udev
+// feeder and then follows hot-plug on the starting thread's GLib run loop. A machine without udev,
+// or a thread whose run loop is not a GLib one, gets a clear log line and no hot-plug, never a
+// crash.
+#pragma once
+
+#include <memory>
+
+#include "DevicePlatform.h"
+
+namespace qv {
+
+class GsmBackend;
+class Registry;
+class UdevFeeder;
+
+class LiveDevicePlatform : public DevicePlatform {
+  public:
+    LiveDevicePlatform();
+    ~LiveDevicePlatform() override;
+
+    void start() override;
+    void stop() override;
+
+  private:
+    Registry* registry_ = nullptr;
+    std::unique_ptr<UdevFeeder> feeder_;
+    std::shared_ptr<GsmBackend> installedBackend_;
+};
+
+}  // namespace qv
