@@ -3,7 +3,6 @@
 #include <unicode/regex.h>
 #include <unicode/unistr.h>
 #include <unicode/ustring.h>
-#include <unicode/utext.h>
 
 #include <algorithm>
 #include <limits>
@@ -146,11 +145,15 @@ std::shared_ptr<const Regex> Regex::compile(const std::string& pattern, bool cas
 }
 
 Regex::Result Regex::matchesWhole(const std::string& subject) const {
-    // ASCII (device paths, model names) is matched in place; other text goes through the strict
-    // conversion first.
-    const bool ascii = isASCII(subject);
+    // Short ASCII subjects (device paths, model names) are widened into a buffer on the stack,
+    // which the matcher reads in place; other text goes through the strict conversion.
+    constexpr std::size_t kShortSubject = 256;
+    char16_t wide[kShortSubject];
     icu::UnicodeString text;
-    if (!ascii && !toUnicode(subject, text)) {
+    if (subject.size() <= kShortSubject && isASCII(subject)) {
+        std::copy(subject.begin(), subject.end(), wide);
+        text = icu::UnicodeString(false, wide, static_cast<int32_t>(subject.size()));
+    } else if (!toUnicode(subject, text)) {
         return Result::Error;
     }
     UErrorCode status = U_ZERO_ERROR;
@@ -167,18 +170,8 @@ Regex::Result Regex::matchesWhole(const std::string& subject) const {
         impl_->matcher = std::move(matcher);
     }
     icu::RegexMatcher& matcher = *impl_->matcher;
-    if (ascii) {
-        if (subject.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max())) {
-            return Result::Error;
-        }
-        UText in = UTEXT_INITIALIZER;
-        utext_openUTF8(&in, subject.data(), static_cast<int64_t>(subject.size()), &status);
-        matcher.reset(&in);
-        utext_close(&in);
-    } else {
-        matcher.reset(text);
-    }
-    bool matched = U_SUCCESS(status) && matcher.matches(status);
+    matcher.reset(text);
+    bool matched = matcher.matches(status);
     if (U_FAILURE(status)) {
         return Result::Error;
     }
