@@ -240,6 +240,7 @@ bool convert(plist_t node, int depth, bool checkText, Value& out, std::string& e
             // The iterator walks the keys in document order; a repeated key keeps its first
             // place and its last value, as libplist itself does.
             Dictionary dict;
+            dict.reserve(plist_dict_get_size(node));
             plist_dict_iter rawIter = nullptr;
             plist_dict_new_iter(node, &rawIter);
             std::unique_ptr<void, void (*)(void*)> iter(rawIter, std::free);

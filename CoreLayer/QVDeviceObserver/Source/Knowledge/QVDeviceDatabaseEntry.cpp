@@ -111,6 +111,7 @@ std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionar
         return entryFromDictionary(static_cast<const qv::Value&>(dictionary));  // raises
     }
     auto entry = entryWithQuorvelID(static_cast<std::uint32_t>(id->intValue()));
+    entry->_deviceData.reserve(pairs->size() + 1);
     for (const auto& [key, value] : *pairs) {
         // The dictionary is ours (moved in): its values may be taken; only the key order is
         // read from it.

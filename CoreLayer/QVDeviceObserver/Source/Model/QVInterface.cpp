@@ -72,6 +72,7 @@ std::string capabilityKey(int position) {
 
 qv::Value QVInterface::toDictionary() const {
     qv::Dictionary capabilities;
+    capabilities.reserve(_capabilities.size());
     int position = 0;
     for (const auto& capability : _capabilities) {
         capabilities.set(capabilityKey(position++), capability);
