@@ -123,19 +123,23 @@ Json jsonFromValue(const Value& value) {
         case Value::Type::Date:
             return Json{{"$date", value.asDate()->secondsSinceReferenceDate}};
         case Value::Type::Array: {
-            Json array = Json::array();
+            Json::array_t array;
+            array.reserve(value.asArray()->size());
             for (const auto& item : *value.asArray()) {
                 array.push_back(jsonFromValue(item));
             }
-            return array;
+            return Json(std::move(array));
         }
         case Value::Type::Dictionary: {
-            // Keys in the dictionary's own order.
-            Json object = Json::object();
+            // Keys in the dictionary's own order. They are unique already, so they are appended
+            // without the ordered map's search for each one.
+            Json::object_t object;
+            auto& members = static_cast<Json::object_t::Container&>(object);
+            members.reserve(value.asDictionary()->size());
             for (const auto& [key, item] : *value.asDictionary()) {
-                object[key] = jsonFromValue(item);
+                members.emplace_back(key, jsonFromValue(item));
             }
-            return object;
+            return Json(std::move(object));
         }
     }
     return nullptr;

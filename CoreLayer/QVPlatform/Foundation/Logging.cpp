@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <syslog.h>
 
+#include <atomic>
 #include <cstdio>
 #include <mutex>
 
@@ -29,7 +30,22 @@ LineSink& stdoutSink() {
 
 using HostLogFunction = void (*)(const char* logName, const char* format, ...);
 
+// Mirrors whether a named sink is installed, so the check needs no lock.
+std::atomic<bool>& namedSinkInstalled() {
+    static std::atomic<bool> installed{false};
+    return installed;
+}
+
 }  // namespace
+
+bool namedLogIsListening() {
+    if (namedSinkInstalled().load(std::memory_order_acquire)) {
+        return true;
+    }
+    // Looked up at every use, as the line itself would be: the host may export its hook only
+    // after loading us.
+    return dlsym(RTLD_DEFAULT, "QVLogToNamedLog") != nullptr;
+}
 
 void logToNamedLog(const std::string& logName, const std::string& message) {
     NamedLogSink sink;
@@ -80,6 +96,7 @@ void writeToStandardOutput(const std::string& line) {
 
 void setNamedLogSink(NamedLogSink sink) {
     std::lock_guard<std::mutex> lock(sinkMutex());
+    namedSinkInstalled().store(static_cast<bool>(sink), std::memory_order_release);
     namedSink() = std::move(sink);
 }
 

@@ -30,10 +30,17 @@ void setNamedLogSink(NamedLogSink sink);
 void setSystemLogSink(LineSink sink);
 void setStandardOutputSink(LineSink sink);
 
-// Renders one of the framework's own texts and writes it to the "DeviceRecognition" log.
+// Whether a named-log line goes anywhere: a sink is installed, or the process exports the host's
+// hook. Lets callers skip rendering lines nobody receives.
+bool namedLogIsListening();
+
+// Renders one of the framework's own texts and writes it to the "DeviceRecognition" log; renders
+// nothing when nobody listens.
 template <class... Args>
 void logRecognition(std::string_view fmt, const Args&... args) {
-    logToNamedLog(kDeviceRecognitionLog, format(fmt, args...));
+    if (namedLogIsListening()) {
+        logToNamedLog(kDeviceRecognitionLog, format(fmt, args...));
+    }
 }
 
 template <class... Args>

@@ -4,19 +4,34 @@
 #include <unicode/unistr.h>
 #include <unicode/ustring.h>
 
+#include <algorithm>
 #include <limits>
+#include <list>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace qv {
 
 struct Regex::Impl {
     std::unique_ptr<icu::RegexPattern> pattern;
+    // One matcher, reset for each subject instead of built each time; the lock lets threads
+    // share a compiled pattern.
+    std::mutex mutex;
+    std::unique_ptr<icu::RegexMatcher> matcher;
 };
 
 namespace {
 
 // Strict conversion: ICU's fromUTF8 would quietly replace bad bytes, which could make a subject
 // match that is not the text we were given.
+bool isASCII(const std::string& text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
 bool toUnicode(const std::string& utf8, icu::UnicodeString& out) {
     if (utf8.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max() / 2)) {
         return false;
@@ -38,9 +53,69 @@ bool toUnicode(const std::string& utf8, icu::UnicodeString& out) {
     return true;
 }
 
+// Least recently used patterns leave first. A pattern that does not compile is remembered too,
+// with its error, so a bad rules file is not compiled again at every check.
+class RegexCache {
+  public:
+    struct Compiled {
+        std::shared_ptr<const Regex> regex;
+        std::string error;
+    };
+
+    std::optional<Compiled> find(const std::string& key) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = index_.find(key);
+        if (it == index_.end()) {
+            return std::nullopt;
+        }
+        order_.splice(order_.begin(), order_, it->second);
+        return it->second->second;
+    }
+
+    void insert(const std::string& key, Compiled compiled) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (index_.count(key) != 0) {
+            return;
+        }
+        order_.emplace_front(key, std::move(compiled));
+        index_[key] = order_.begin();
+        if (order_.size() > kCapacity) {
+            index_.erase(order_.back().first);
+            order_.pop_back();
+        }
+    }
+
+  private:
+    static constexpr std::size_t kCapacity = 128;
+    std::mutex mutex_;
+    std::list<std::pair<std::string, Compiled>> order_;
+    std::unordered_map<std::string, std::list<std::pair<std::string, Compiled>>::iterator> index_;
+};
+
+RegexCache& regexCache() {
+    static RegexCache cache;
+    return cache;
+}
+
 }  // namespace
 
 Regex::~Regex() = default;
+
+std::shared_ptr<const Regex> Regex::compileCached(const std::string& pattern, bool caseInsensitive,
+                                                  std::string* error) {
+    std::string key = (caseInsensitive ? "i:" : "s:") + pattern;
+    auto cached = regexCache().find(key);
+    if (!cached) {
+        RegexCache::Compiled compiled;
+        compiled.regex = compile(pattern, caseInsensitive, &compiled.error);
+        regexCache().insert(key, compiled);
+        cached = std::move(compiled);
+    }
+    if (!cached->regex && error != nullptr) {
+        *error = cached->error;
+    }
+    return cached->regex;
+}
 
 std::shared_ptr<const Regex> Regex::compile(const std::string& pattern, bool caseInsensitive,
                                             std::string* error) {
@@ -70,17 +145,33 @@ std::shared_ptr<const Regex> Regex::compile(const std::string& pattern, bool cas
 }
 
 Regex::Result Regex::matchesWhole(const std::string& subject) const {
+    // Short ASCII subjects (device paths, model names) are widened into a buffer on the stack,
+    // which the matcher reads in place; other text goes through the strict conversion.
+    constexpr std::size_t kShortSubject = 256;
+    char16_t wide[kShortSubject];
     icu::UnicodeString text;
-    if (!toUnicode(subject, text)) {
+    if (subject.size() <= kShortSubject && isASCII(subject)) {
+        std::copy(subject.begin(), subject.end(), wide);
+        text = icu::UnicodeString(false, wide, static_cast<int32_t>(subject.size()));
+    } else if (!toUnicode(subject, text)) {
         return Result::Error;
     }
     UErrorCode status = U_ZERO_ERROR;
-    std::unique_ptr<icu::RegexMatcher> matcher(impl_->pattern->matcher(text, status));
-    if (U_FAILURE(status) || !matcher) {
-        return Result::Error;
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    if (!impl_->matcher) {
+        std::unique_ptr<icu::RegexMatcher> matcher(impl_->pattern->matcher(status));
+        if (U_FAILURE(status) || !matcher) {
+            return Result::Error;
+        }
+        matcher->setTimeLimit(kTimeLimitSteps, status);
+        if (U_FAILURE(status)) {
+            return Result::Error;
+        }
+        impl_->matcher = std::move(matcher);
     }
-    matcher->setTimeLimit(kTimeLimitSteps, status);
-    bool matched = matcher->matches(status);
+    icu::RegexMatcher& matcher = *impl_->matcher;
+    matcher.reset(text);
+    bool matched = matcher.matches(status);
     if (U_FAILURE(status)) {
         return Result::Error;
     }

@@ -16,6 +16,13 @@ class Regex {
     static std::shared_ptr<const Regex> compile(const std::string& pattern, bool caseInsensitive,
                                                 std::string* error = nullptr);
 
+    // The same, from a small process-wide cache: a pattern that comes back (a database entry's
+    // port pattern, a rules file's exclusion) is compiled once. Bounded, so hostile input that
+    // brings endless new patterns cannot grow it; thread-safe.
+    static std::shared_ptr<const Regex> compileCached(const std::string& pattern,
+                                                      bool caseInsensitive,
+                                                      std::string* error = nullptr);
+
     // Whole-string match. Error when the time limit ran out or the subject is not valid UTF-8.
     Result matchesWhole(const std::string& subject) const;
     bool matches(const std::string& subject) const {

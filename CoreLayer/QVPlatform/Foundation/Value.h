@@ -45,6 +45,8 @@ class Dictionary {
     void set(std::string key, Value value);
     bool erase(std::string_view key);
     void clear();
+    // Room for `count` entries, for a dictionary about to be filled.
+    void reserve(std::size_t count) { entries_.reserve(count); }
     std::size_t size() const;
     bool empty() const;
 

@@ -160,7 +160,9 @@ struct MallocDeleter {
 };
 
 // libplist counts dates from the platform's reference date as well.
-bool convert(plist_t node, int depth, Value& out, std::string& error) {
+// The document was checked as UTF-8 as a whole; only a character reference ("&#...;") can make
+// a string or key that is not, so `checkText` is set only when the document has one.
+bool convert(plist_t node, int depth, bool checkText, Value& out, std::string& error) {
     if (depth > kMaxNestingDepth) {
         error = format("nested deeper than %d levels", kMaxNestingDepth);
         return false;
@@ -191,7 +193,7 @@ bool convert(plist_t node, int depth, Value& out, std::string& error) {
             const char* s = plist_get_string_ptr(node, &length);
             std::string text(s != nullptr ? s : "", s != nullptr ? length : 0);
             // A character reference can name a surrogate, which is no UTF-8.
-            if (!isValidUTF8(text)) {
+            if (checkText && !isValidUTF8(text)) {
                 error = "a string is not valid UTF-8";
                 return false;
             }
@@ -226,7 +228,7 @@ bool convert(plist_t node, int depth, Value& out, std::string& error) {
             array.reserve(size);
             for (std::uint32_t i = 0; i < size; ++i) {
                 Value element;
-                if (!convert(plist_array_get_item(node, i), depth + 1, element, error)) {
+                if (!convert(plist_array_get_item(node, i), depth + 1, checkText, element, error)) {
                     return false;
                 }
                 array.push_back(std::move(element));
@@ -238,6 +240,7 @@ bool convert(plist_t node, int depth, Value& out, std::string& error) {
             // The iterator walks the keys in document order; a repeated key keeps its first
             // place and its last value, as libplist itself does.
             Dictionary dict;
+            dict.reserve(plist_dict_get_size(node));
             plist_dict_iter rawIter = nullptr;
             plist_dict_new_iter(node, &rawIter);
             std::unique_ptr<void, void (*)(void*)> iter(rawIter, std::free);
@@ -250,12 +253,12 @@ bool convert(plist_t node, int depth, Value& out, std::string& error) {
                     break;
                 }
                 std::string keyText = key != nullptr ? std::string(key.get()) : std::string();
-                if (!isValidUTF8(keyText)) {
+                if (checkText && !isValidUTF8(keyText)) {
                     error = "a key is not valid UTF-8";
                     return false;
                 }
                 Value value;
-                if (!convert(item, depth + 1, value, error)) {
+                if (!convert(item, depth + 1, checkText, value, error)) {
                     return false;
                 }
                 dict.set(std::move(keyText), std::move(value));
@@ -294,7 +297,8 @@ PropertyListResult readXMLPropertyList(std::string_view bytes) {
         return fail("malformed document");
     }
     PropertyListResult result;
-    if (!convert(root.get(), 1, result.value, result.error)) {
+    if (!convert(root.get(), 1, bytes.find("&#") != std::string_view::npos, result.value,
+                 result.error)) {
         return fail(std::move(result.error));
     }
     return result;

@@ -1,44 +1,12 @@
 #include "Registry.h"
 
+#include "RegistryObject.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
 
-struct IONotificationPort {
-    std::uint64_t id = 0;
-    std::shared_ptr<qv::RunLoopSource> source;
-    std::vector<std::unique_ptr<struct qvRegistryNotification>> notifications;
-};
-
-// One armed matching notification of a port.
-struct qvRegistryNotification {
-    bool matchedType = true;  // matched, or terminated
-    qv::Value matching;
-    qv::Registry::MatchingCallback callback = nullptr;
-    void* refCon = nullptr;
-    io_iterator_t iterator = IO_OBJECT_NULL;
-    bool pending = false;
-};
-
 namespace qv {
-
-struct Registry::Object {
-    enum class Kind { Entry, Iterator } kind = Kind::Entry;
-    int retainCount = 1;
-
-    // Entry
-    std::string name;
-    std::string className;
-    Value properties;
-    io_registry_entry_t parent = IO_OBJECT_NULL;
-    std::vector<io_registry_entry_t> children;
-    bool attached = true;
-
-    // Iterator
-    std::vector<io_object_t> items;
-    std::size_t position = 0;
-    qvRegistryNotification* notification = nullptr;  // the notification that owns it, if any
-};
 
 namespace {
 
@@ -150,6 +118,8 @@ io_registry_entry_t Registry::addEntry(io_registry_entry_t parent, const std::st
     entry->name = name.empty() ? className : name;
     entry->properties = std::move(properties);
     entry->parent = parent;
+    index_.addEntry(handle, entry->className, entry->name, entry->properties);
+    ++attachedEntries_;
     objects_[handle] = std::move(entry);
     auto& siblings = parentObject->children;
     siblings.insert(std::find(siblings.begin(), siblings.end(), before), handle);
@@ -162,12 +132,19 @@ bool Registry::setProperties(io_registry_entry_t entry, const Value& properties)
     if (object == nullptr || object->kind != Object::Kind::Entry || !properties.isDictionary()) {
         return false;
     }
+    // The index files an entry by its properties: take it out while they change.
+    if (object->attached) {
+        index_.removeEntry(entry, object->className, object->name, object->properties);
+    }
     for (const auto& [key, value] : *properties.asDictionary()) {
         if (value.isNil()) {
             object->properties.asDictionary()->erase(key);
         } else {
             object->properties.set(key, value);
         }
+    }
+    if (object->attached) {
+        index_.addEntry(entry, object->className, object->name, object->properties);
     }
     return true;
 }
@@ -211,8 +188,10 @@ bool Registry::removeEntry(io_registry_entry_t entry) {
         siblings.erase(std::remove(siblings.begin(), siblings.end(), entry), siblings.end());
     }
     for (io_registry_entry_t handle : subtree) {
-        if (Object* o = find(handle)) {
+        if (Object* o = find(handle); o != nullptr && o->attached) {
             o->attached = false;
+            index_.removeEntry(handle, o->className, o->name, o->properties);
+            --attachedEntries_;
         }
     }
     // Drop the tree's references last, children before parents.
@@ -351,14 +330,54 @@ bool Registry::matches(io_registry_entry_t entry, const Value& matching) const {
 }
 
 std::vector<io_registry_entry_t> Registry::matchingEntries(const Value& matching) const {
-    std::vector<io_registry_entry_t> all = entryDescendants(rootHandle_);
     std::vector<io_registry_entry_t> matched;
-    for (io_registry_entry_t entry : all) {
+    auto candidates = index_.entryCandidates(matching);
+    // Ordering a few candidates is cheap; when most of the tree is a candidate, walk it.
+    if (candidates && candidates->size() * 4 <= attachedEntries_) {
+        for (io_registry_entry_t entry : *candidates) {
+            if (matches(entry, matching)) {
+                matched.push_back(entry);
+            }
+        }
+        sortInTreeOrder(matched);
+        return matched;
+    }
+    for (io_registry_entry_t entry : entryDescendants(rootHandle_)) {
         if (matches(entry, matching)) {
             matched.push_back(entry);
         }
     }
     return matched;
+}
+
+void Registry::sortInTreeOrder(std::vector<io_registry_entry_t>& entries) const {
+    if (entries.size() < 2) {
+        return;
+    }
+    // An attached entry's place in the walk is its chain of child positions from the root.
+    std::vector<std::pair<std::vector<std::size_t>, io_registry_entry_t>> keyed;
+    keyed.reserve(entries.size());
+    for (io_registry_entry_t entry : entries) {
+        std::vector<std::size_t> positions;
+        io_registry_entry_t current = entry;
+        while (current != rootHandle_) {
+            const Object* object = find(current);
+            const Object* parent = object ? find(object->parent) : nullptr;
+            if (parent == nullptr) {
+                break;
+            }
+            const auto& siblings = parent->children;
+            positions.push_back(static_cast<std::size_t>(
+                std::find(siblings.begin(), siblings.end(), current) - siblings.begin()));
+            current = object->parent;
+        }
+        std::reverse(positions.begin(), positions.end());
+        keyed.emplace_back(std::move(positions), entry);
+    }
+    std::sort(keyed.begin(), keyed.end());
+    for (std::size_t i = 0; i < keyed.size(); ++i) {
+        entries[i] = keyed[i].second;
+    }
 }
 
 io_iterator_t Registry::createIterator(const std::vector<io_object_t>& items) {
@@ -425,13 +444,8 @@ void Registry::freeObject(io_object_t handle) {
     if (object.kind == Object::Kind::Iterator) {
         // A notification whose iterator is released is gone.
         if (object.notification != nullptr) {
-            for (auto& port : ports_) {
-                auto& list = port->notifications;
-                list.erase(
-                    std::remove_if(list.begin(), list.end(),
-                                   [&](const auto& n) { return n.get() == object.notification; }),
-                    list.end());
-            }
+            index_.removeNotification(object.notification);
+            ports_.erase(object.notification);
         }
         for (io_object_t item : object.items) {
             release(item);
@@ -442,141 +456,6 @@ void Registry::freeObject(io_object_t handle) {
 int Registry::retainCountForTesting(io_object_t object) const {
     const Object* o = find(object);
     return o == nullptr ? 0 : o->retainCount;
-}
-
-IONotificationPort* Registry::createPort() {
-    auto port = std::make_unique<IONotificationPort>();
-    IONotificationPort* raw = port.get();
-    port->id = nextPortId_++;
-    // The source may outlive the port and the registry (whoever added it to a run loop holds
-    // it): it finds its port again by id, and only while this registry is alive.
-    std::weak_ptr<int> alive = lifetime_;
-    std::uint64_t id = port->id;
-    port->source = std::make_shared<RunLoopSource>([this, alive, id]() {
-        if (alive.lock()) {
-            deliver(id);
-        }
-    });
-    ports_.push_back(std::move(port));
-    return raw;
-}
-
-bool Registry::isPort(IONotificationPort* port) const {
-    return port != nullptr && std::any_of(ports_.begin(), ports_.end(),
-                                          [&](const auto& p) { return p.get() == port; });
-}
-
-void Registry::destroyPort(IONotificationPort* port) {
-    auto it =
-        std::find_if(ports_.begin(), ports_.end(), [&](const auto& p) { return p.get() == port; });
-    if (it == ports_.end()) {
-        return;
-    }
-    std::unique_ptr<IONotificationPort> owned = std::move(*it);
-    ports_.erase(it);
-    // The notifications end with the port; their iterators stay valid objects until released.
-    for (auto& notification : owned->notifications) {
-        if (Object* iterator = find(notification->iterator)) {
-            iterator->notification = nullptr;
-        }
-    }
-}
-
-std::shared_ptr<RunLoopSource> Registry::portSource(IONotificationPort* port) const {
-    return isPort(port) ? port->source : nullptr;
-}
-
-kern_return_t Registry::addNotification(IONotificationPort* port, const std::string& type,
-                                        const Value& matching, MatchingCallback callback,
-                                        void* refCon, io_iterator_t* iterator) {
-    if (!isPort(port) || iterator == nullptr || callback == nullptr || !matching.isDictionary()) {
-        return kIOReturnBadArgument;
-    }
-    bool matchedType = type == kIOMatchedNotification || type == kIOFirstMatchNotification;
-    if (!matchedType && type != kIOTerminatedNotification) {
-        return kIOReturnUnsupported;
-    }
-    auto notification = std::make_unique<qvRegistryNotification>();
-    notification->matchedType = matchedType;
-    notification->matching = matching;
-    notification->callback = callback;
-    notification->refCon = refCon;
-    std::vector<io_object_t> existing;
-    if (matchedType) {
-        existing = matchingEntries(matching);
-    }
-    notification->iterator = createIterator(existing);
-    find(notification->iterator)->notification = notification.get();
-    *iterator = notification->iterator;
-    port->notifications.push_back(std::move(notification));
-    return kIOReturnSuccess;
-}
-
-void Registry::reportToNotifications(io_registry_entry_t entry, bool matched) {
-    for (auto& port : ports_) {
-        bool signal = false;
-        for (auto& notification : port->notifications) {
-            if (notification->matchedType != matched || !matches(entry, notification->matching)) {
-                continue;
-            }
-            Object* iterator = find(notification->iterator);
-            if (iterator == nullptr) {
-                continue;
-            }
-            // Armed when the client drained everything it was given before this event.
-            bool armed = iterator->position >= iterator->items.size();
-            if (armed) {
-                // Forget what was consumed so the iterator does not grow for ever.
-                for (io_object_t item : iterator->items) {
-                    release(item);
-                }
-                iterator->items.clear();
-                iterator->position = 0;
-            }
-            iterator->items.push_back(entry);
-            retain(entry);
-            if (armed && !notification->pending) {
-                notification->pending = true;
-                signal = true;
-            }
-        }
-        if (signal) {
-            port->source->signal();
-        }
-    }
-}
-
-void Registry::deliver(std::uint64_t portId) {
-    auto found =
-        std::find_if(ports_.begin(), ports_.end(), [&](const auto& p) { return p->id == portId; });
-    if (found == ports_.end()) {
-        return;
-    }
-    IONotificationPort* port = found->get();
-    // Callbacks may add notifications to this port or destroy it: walk by index and re-check.
-    for (std::size_t i = 0; isPort(port) && i < port->notifications.size(); ++i) {
-        qvRegistryNotification* notification = port->notifications[i].get();
-        if (!notification->pending) {
-            continue;
-        }
-        notification->pending = false;
-        const Object* iterator = find(notification->iterator);
-        if (iterator == nullptr || iterator->position >= iterator->items.size()) {
-            continue;
-        }
-        io_iterator_t handle = notification->iterator;
-        notification->callback(notification->refCon, handle);
-        // What the client consumed is no longer held once it has drained everything.
-        Object* drained = find(handle);
-        if (drained != nullptr && drained->position >= drained->items.size()) {
-            std::vector<io_object_t> items = std::move(drained->items);
-            drained->items.clear();
-            drained->position = 0;
-            for (io_object_t item : items) {
-                release(item);
-            }
-        }
-    }
 }
 
 Registry::EntryView Registry::view(io_registry_entry_t entry) const {

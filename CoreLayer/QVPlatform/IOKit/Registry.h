@@ -23,9 +23,9 @@
 #include <vector>
 
 #include "IOKitTypes.h"
+#include "RegistryMatchingIndex.h"
+#include "RegistryNotificationPort.h"
 #include "RunLoop/RunLoop.h"
-
-struct IONotificationPort;
 
 namespace qv {
 
@@ -114,7 +114,6 @@ class Registry {
 
   private:
     struct Object;
-    struct Notification;
 
     Object* find(io_object_t handle);
     const Object* find(io_object_t handle) const;
@@ -122,14 +121,18 @@ class Registry {
     void freeObject(io_object_t handle);
     void collectSubtree(io_registry_entry_t entry, std::vector<io_registry_entry_t>& out) const;
     void reportToNotifications(io_registry_entry_t entry, bool matched);
+    void queueForNotification(qvRegistryNotification& notification, io_registry_entry_t entry,
+                              bool& signal);
+    void sortInTreeOrder(std::vector<io_registry_entry_t>& entries) const;
     void deliver(std::uint64_t portId);
     EntryView view(io_registry_entry_t entry) const;
 
     std::unordered_map<io_object_t, std::unique_ptr<Object>> objects_;
     std::map<std::string, std::string> superclasses_;
-    std::vector<std::unique_ptr<IONotificationPort>> ports_;
+    NotificationPortList ports_;
+    RegistryMatchingIndex index_{*this};
+    std::size_t attachedEntries_ = 0;
     io_object_t nextHandle_ = 0x1000;
-    std::uint64_t nextPortId_ = 1;
     std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
     io_registry_entry_t rootHandle_ = IO_OBJECT_NULL;
 };

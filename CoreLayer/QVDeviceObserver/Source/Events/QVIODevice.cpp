@@ -185,21 +185,24 @@ void QVIODevice::examineDescendant(io_registry_entry_t entry) {
 void QVIODevice::findDriverBundleAt(io_registry_entry_t entry) {
     // The device's own driver is the first non-Apple driver attached directly to an entry whose
     // provider chain is Apple's.
-    if (!isAppleBundle(nearestAncestorBundle(entry))) {
-        return;
-    }
+    // The children are looked at first: most entries have no driver below them, and then the
+    // climb to the ancestors (every tick, for every entry) is not needed.
     io_iterator_t children = IO_OBJECT_NULL;
     if (IORegistryEntryGetChildIterator(entry, kIOServicePlane, &children) != KERN_SUCCESS) {
         return;
     }
+    qv::Value candidate;
     while (io_registry_entry_t child = IOIteratorNext(children)) {
         qv::Value identifier = IORegistryEntryCreateCFProperty(child, "CFBundleIdentifier");
         IOObjectRelease(child);
-        if (_driverBundle.isNil() && identifier.isString() && !isAppleBundle(identifier)) {
-            _driverBundle = std::move(identifier);
+        if (candidate.isNil() && identifier.isString() && !isAppleBundle(identifier)) {
+            candidate = std::move(identifier);
         }
     }
     IOObjectRelease(children);
+    if (!candidate.isNil() && isAppleBundle(nearestAncestorBundle(entry))) {
+        _driverBundle = std::move(candidate);
+    }
 }
 
 bool QVIODevice::isPortForATCommands(const std::string& path) const {

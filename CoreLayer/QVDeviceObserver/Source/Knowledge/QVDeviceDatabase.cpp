@@ -52,13 +52,15 @@ std::shared_ptr<QVDeviceDatabase> QVDeviceDatabase::databaseFromPropertyListStri
     if (!parsed.ok()) {
         throw qv::Exception(kParseErrorException, parsed.error);
     }
-    if (const qv::Array* members = parsed.value.asArray()) {
-        for (const qv::Value& member : *members) {
-            database->addEntry(QVDeviceDatabaseEntry::entryFromDictionary(member));
+    // The parsed tree is thrown away after this: its members are moved into the entries.
+    if (qv::Array* members = parsed.value.asArray()) {
+        for (qv::Value& member : *members) {
+            database->addEntry(QVDeviceDatabaseEntry::entryFromDictionary(std::move(member)));
         }
     } else if (const qv::Dictionary* members = parsed.value.asDictionary()) {
         for (const auto& [name, member] : *members) {
-            database->addEntry(QVDeviceDatabaseEntry::entryFromDictionary(member));
+            database->addEntry(QVDeviceDatabaseEntry::entryFromDictionary(
+                std::move(const_cast<qv::Value&>(member))));
         }
     } else {
         throw qv::Exception(qv::kNSInternalInconsistencyException,

@@ -103,6 +103,23 @@ std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionar
     return entry;
 }
 
+std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionary(
+    qv::Value&& dictionary) {
+    const qv::Dictionary* pairs = dictionary.asDictionary();
+    const qv::Value* id = pairs != nullptr ? pairs->find(Keys::kQuorvelID) : nullptr;
+    if (id == nullptr) {
+        return entryFromDictionary(static_cast<const qv::Value&>(dictionary));  // raises
+    }
+    auto entry = entryWithQuorvelID(static_cast<std::uint32_t>(id->intValue()));
+    entry->_deviceData.reserve(pairs->size() + 1);
+    for (const auto& [key, value] : *pairs) {
+        // The dictionary is ours (moved in): its values may be taken; only the key order is
+        // read from it.
+        entry->setObject(std::move(const_cast<qv::Value&>(value)), key);
+    }
+    return entry;
+}
+
 std::string QVDeviceDatabaseEntry::description() const {
     return qv::Value(_deviceData).description();
 }

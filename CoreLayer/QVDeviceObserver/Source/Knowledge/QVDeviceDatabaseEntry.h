@@ -66,6 +66,8 @@ class QVDeviceDatabaseEntry : public qv::Object {
     // in, in order. Raises NSInternalInconsistencyException "QuorvelID not found in dictionary:
     // %@" when the key is missing or the value is not a dictionary at all.
     static std::shared_ptr<QVDeviceDatabaseEntry> entryFromDictionary(const qv::Value& dictionary);
+    // The same, taking the values over instead of copying them (the database load).
+    static std::shared_ptr<QVDeviceDatabaseEntry> entryFromDictionary(qv::Value&& dictionary);
 
     std::uint32_t quorvelID() const { return _quorvelID; }
     void setDatabase(QVDeviceDatabase* database) { _database = database; }

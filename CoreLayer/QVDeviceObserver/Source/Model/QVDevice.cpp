@@ -348,8 +348,10 @@ std::int32_t QVDevice::preferredDTIfType() const {
 
 qv::Value QVDevice::toDictionary() const {
     qv::Dictionary interfaces;
+    interfaces.reserve(_interfaces.size());
     for (std::size_t i = 0; i < _interfaces.size(); ++i) {
-        interfaces.set(qv::format("interface-%d", i), _interfaces[i]->toDictionary());
+        // "interface-%d", without the formatter (the record is written often).
+        interfaces.set("interface-" + std::to_string(i), _interfaces[i]->toDictionary());
     }
     qv::Value dictionary(qv::Dictionary{
         {kClassKey, qv::Value(className())},

@@ -56,11 +56,26 @@ bool QVInterface::isEqual(const qv::Object& other) const {
     return hasSameClassAndCapabilities(other);
 }
 
+namespace {
+
+// "capability-%02d", without the formatter: every device record written renders one per
+// capability.
+std::string capabilityKey(int position) {
+    std::string digits = std::to_string(position);
+    if (digits.size() < 2) {
+        digits.insert(0, 1, '0');
+    }
+    return "capability-" + digits;
+}
+
+}  // namespace
+
 qv::Value QVInterface::toDictionary() const {
     qv::Dictionary capabilities;
+    capabilities.reserve(_capabilities.size());
     int position = 0;
     for (const auto& capability : _capabilities) {
-        capabilities.set(qv::format("capability-%02d", position++), capability);
+        capabilities.set(capabilityKey(position++), capability);
     }
     return qv::Value(qv::Dictionary{
         {kClassKey, qv::Value(className())},

@@ -246,7 +246,7 @@ std::optional<std::string> QVUSBDevice::portFromIODeviceAtIndex(const QVIODevice
 
 std::optional<std::string> QVUSBDevice::portFromIODeviceMatchingRegex(
     const QVIODevice& ioDevice, const std::string& regex) const {
-    const auto compiled = qv::Regex::compile(regex, false);
+    const auto compiled = qv::Regex::compileCached(regex, false);
     if (!compiled) {
         return std::nullopt;
     }
@@ -259,7 +259,7 @@ std::optional<std::string> QVUSBDevice::portFromIODeviceMatchingRegex(
 }
 
 bool QVUSBDevice::doesString(const std::string& string, const std::string& regex) {
-    const auto compiled = qv::Regex::compile(regex, false);
+    const auto compiled = qv::Regex::compileCached(regex, false);
     return compiled && compiled->matches(string);
 }
 

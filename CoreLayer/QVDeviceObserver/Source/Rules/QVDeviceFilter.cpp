@@ -236,7 +236,7 @@ bool QVDeviceFilter::isExcludedDevice(const QVDeviceFilterSubject& device,
                                       const std::string& pattern) const {
     bool matches = false;
     std::string error;
-    auto regex = qv::Regex::compile(pattern, false, &error);
+    auto regex = qv::Regex::compileCached(pattern, false, &error);
     if (!regex) {
         qv::logSystem("isExcludedDevice: the pattern %@ does not compile (%@); it excludes nothing",
                       pattern, error);
