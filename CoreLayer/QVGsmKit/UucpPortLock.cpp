@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 namespace qv {
 
@@ -48,6 +49,9 @@ Owner ownerOf(const std::string& path, pid_t* pidOut) {
     }
     if (pid <= 0) {
         return Owner::Unreadable;
+    }
+    if (pid > std::numeric_limits<pid_t>::max()) {
+        return Owner::Stale;  // no process can have it
     }
     *pidOut = static_cast<pid_t>(pid);
     if (pid == ::getpid()) {

@@ -257,7 +257,7 @@ TEST_F(SerialGsmPty, BusyPortsAreRefusedAtOnceAndStaleLocksCleared) {
     // A dead process's lock is stale: removed, the port served, our own lock gone afterwards.
     {
         std::ofstream lock(lockPathFor(port), std::ios::trunc);
-        lock << "4194303999\n";
+        lock << "   4194305\n";  // above the kernel's largest pid
     }
     EXPECT_EQ(backend.identifyDevice(port, -1).deviceId, 320);
     EXPECT_FALSE(std::filesystem::exists(lockPathFor(port)));
