@@ -3,7 +3,7 @@
 // every backend; a backend only talks to modems:
 //   - NullGsmBackend: reaches no modem (the default until another is installed);
 //   - ScriptedGsmBackend: answers per port path from a description (tests, the simulator);
-//   - the AT engine on serial ports (a later piece), which runs its I/O on a thread of its own.
+//   - SerialGsmBackend: the AT engine on serial ports, with its I/O on a thread of its own.
 //
 // Contract for every backend:
 //   - Ports are full paths ("/dev/cu.ttyUSB0"); the front end turns port names into paths.

@@ -19,3 +19,6 @@ inline constexpr std::int32_t kGsmErrorApplicationMustQuit = 20;
 
 // What a command's error() reads before it has been executed.
 inline constexpr std::int32_t kGsmErrorNotExecuted = -1;
+
+// The modem answered who it is, but no row of the model table names that maker and model.
+inline constexpr std::int32_t kGsmErrorUnknownModel = 21;

@@ -1,0 +1,156 @@
+#include "ModemProfile.h"
+
+#include <cctype>
+#include <cmath>
+
+#include "Foundation/BoundedFileReader.h"
+#include "Foundation/JsonValue.h"
+#include "QVGsmKit/AtResponseReader.h"
+
+namespace qvsim {
+
+namespace {
+
+constexpr std::size_t kMaxProfileBytes = 1024 * 1024;
+
+std::string upper(std::string text) {
+    for (char& c : text) {
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    return text;
+}
+
+bool printable(const std::string& text) {
+    for (char c : text) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+std::optional<ModemProfile> ModemProfile::fromJsonText(const std::string& text,
+                                                       std::string* error) {
+    qv::Json json = qv::Json::parse(text, nullptr, false);
+    if (json.is_discarded() || !json.is_object()) {
+        *error = "not a JSON object";
+        return std::nullopt;
+    }
+    ModemProfile profile;
+    auto fail = [&](const std::string& why) {
+        *error = why;
+        return std::nullopt;
+    };
+    for (auto it = json.begin(); it != json.end(); ++it) {
+        const std::string& key = it.key();
+        const qv::Json& value = it.value();
+        if (key == "name" || key == "source") {
+            if (!value.is_string()) {
+                return fail("\"" + key + "\" must be a string");
+            }
+            if (key == "name") {
+                profile.name = value.get<std::string>();
+            }
+        } else if (key == "echo" || key == "silent" || key == "garbage" || key == "simPin") {
+            if (!value.is_boolean()) {
+                return fail("\"" + key + "\" must be true or false");
+            }
+            bool flag = value.get<bool>();
+            (key == "echo"      ? profile.echo
+             : key == "silent"  ? profile.silent
+             : key == "garbage" ? profile.garbage
+                                : profile.simPin) = flag;
+        } else if (key == "lineEnd") {
+            std::string end = value.is_string() ? value.get<std::string>() : "";
+            if (end == "crlf") {
+                profile.lineEnd = "\r\n";
+            } else if (end == "cr") {
+                profile.lineEnd = "\r";
+            } else if (end == "lf") {
+                profile.lineEnd = "\n";
+            } else {
+                return fail("\"lineEnd\" must be \"crlf\", \"cr\" or \"lf\"");
+            }
+        } else if (key == "latency") {
+            if (!value.is_number() || !std::isfinite(value.get<double>()) ||
+                value.get<double>() < 0.0 || value.get<double>() > 60.0) {
+                return fail("\"latency\" must be seconds from 0 to 60");
+            }
+            profile.latency = value.get<double>();
+        } else if (key == "hangUpAfter") {
+            if (!value.is_number_integer() || value.get<long long>() < 0 ||
+                value.get<long long>() > 1000000) {
+                return fail("\"hangUpAfter\" must be a number of commands from 0 to 1000000");
+            }
+            profile.hangUpAfter = static_cast<int>(value.get<long long>());
+        } else if (key == "noise") {
+            if (!value.is_array()) {
+                return fail("\"noise\" must be a list of lines");
+            }
+            for (const qv::Json& line : value) {
+                if (!line.is_string() || !printable(line.get<std::string>())) {
+                    return fail("\"noise\" must hold printable lines");
+                }
+                profile.noise.push_back(line.get<std::string>());
+            }
+        } else if (key == "replies") {
+            if (!value.is_object()) {
+                return fail("\"replies\" must map commands to answers");
+            }
+            for (auto reply = value.begin(); reply != value.end(); ++reply) {
+                std::string where = "replies[\"" + reply.key() + "\"]";
+                std::vector<std::string> lines;
+                if (reply.value().is_string()) {
+                    lines.push_back(reply.value().get<std::string>());
+                } else if (reply.value().is_array()) {
+                    for (const qv::Json& line : reply.value()) {
+                        if (!line.is_string()) {
+                            return fail(where + " must hold strings");
+                        }
+                        lines.push_back(line.get<std::string>());
+                    }
+                } else {
+                    return fail(where + " must be a final result or a list of lines");
+                }
+                for (const std::string& line : lines) {
+                    if (!printable(line)) {
+                        return fail(where + " must hold printable lines");
+                    }
+                }
+                if (reply.value().is_string() &&
+                    qv::AtResponseReader::finalResultOf(lines.front()) == qv::AtFinal::None) {
+                    return fail(where +
+                                ": a single string must be a final result such as "
+                                "\"ERROR\" or \"+CME ERROR: 10\"");
+                }
+                if (lines.empty() ||
+                    qv::AtResponseReader::finalResultOf(lines.back()) == qv::AtFinal::None) {
+                    lines.push_back("OK");
+                }
+                profile.replies[upper(reply.key())] = std::move(lines);
+            }
+        } else {
+            return fail("unknown field \"" + key + "\"");
+        }
+    }
+    return profile;
+}
+
+std::optional<ModemProfile> ModemProfile::fromFile(const std::string& path, std::string* error) {
+    std::string reason;
+    std::optional<std::string> text =
+        qv::readFileUpTo(path, kMaxProfileBytes, qv::FileKinds::AnyReadable, &reason);
+    if (!text) {
+        *error = path + ": " + reason;
+        return std::nullopt;
+    }
+    std::optional<ModemProfile> profile = fromJsonText(*text, &reason);
+    if (!profile) {
+        *error = path + ": " + reason;
+    }
+    return profile;
+}
+
+}  // namespace qvsim

@@ -1,0 +1,83 @@
+// qv-modem-simulator PROFILE [--link PATH]: a modem on a pseudo-terminal for people without one.
+// Prints the port's path as its first line, then answers AT commands as the profile says until
+// SIGINT or SIGTERM (or until the profile hangs up). --link also makes PATH a symbolic link to the
+// port. Exit 0 when done, 1 when no pty could be made, 2 on a usage mistake or a bad profile.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include "ModemSimulator.h"
+
+namespace {
+
+int usage(const char* why) {
+    std::cerr << "qv-modem-simulator: " << why << "\n"
+              << "usage: qv-modem-simulator PROFILE [--link PATH]\n";
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string profilePath;
+    std::string link;
+    for (int i = 1; i < argc; ++i) {
+        std::string argument = argv[i];
+        if (argument == "--link" && i + 1 < argc) {
+            link = argv[++i];
+        } else if (argument == "--help" || argument == "-h") {
+            std::cout << "usage: qv-modem-simulator PROFILE [--link PATH]\n";
+            return 0;
+        } else if (!argument.empty() && argument.front() != '-' && profilePath.empty()) {
+            profilePath = argument;
+        } else {
+            return usage(("unexpected argument: " + argument).c_str());
+        }
+    }
+    if (profilePath.empty()) {
+        return usage("no profile given");
+    }
+    std::string error;
+    std::optional<qvsim::ModemProfile> profile = qvsim::ModemProfile::fromFile(profilePath, &error);
+    if (!profile) {
+        std::cerr << "qv-modem-simulator: " << error << "\n";
+        return 2;
+    }
+    // Signals are taken by sigtimedwait below, on this thread only.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    std::unique_ptr<qvsim::ModemSimulator> modem = qvsim::ModemSimulator::start(*profile, &error);
+    if (!modem) {
+        std::cerr << "qv-modem-simulator: " << error << "\n";
+        return 1;
+    }
+    std::cout << modem->portPath() << std::endl;
+    if (!link.empty()) {
+        ::unlink(link.c_str());
+        if (::symlink(modem->portPath().c_str(), link.c_str()) != 0) {
+            std::cerr << "qv-modem-simulator: " << link << ": " << std::strerror(errno) << "\n";
+            return 1;
+        }
+    }
+    timespec tick{0, 200 * 1000 * 1000};
+    while (!modem->hungUp()) {
+        int signal = sigtimedwait(&signals, nullptr, &tick);
+        if (signal > 0) {
+            break;
+        }
+    }
+    if (!link.empty()) {
+        ::unlink(link.c_str());
+    }
+    return 0;
+}
