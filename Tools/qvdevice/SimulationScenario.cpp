@@ -157,10 +157,9 @@ std::optional<SimulationScenario> SimulationScenario::fromJson(const qv::Json& j
             if (!readOptions(value, scenario.options, error))
                 return std::nullopt;
         } else if (key == "timeline") {
-            auto timeline = qv::ScriptedTimeline::fromJson(value, error);
-            if (!timeline)
+            if (!readTimelineWithApplicationActions(value, scenario.timeline,
+                                                    scenario.applicationActions, error))
                 return std::nullopt;
-            scenario.timeline = std::move(*timeline);
             hasTimeline = true;
         } else if (key == "modems") {
             if (!value.is_object()) {
