@@ -29,7 +29,8 @@ qv::Json answeringModem(double latency = 0.25) {
     return {{"identify", {{"deviceId", 320}}},
             {"groundInit", 7},
             {"deviceInfo", {{"IMEI", "350000000000001"}}},
-            {"networkInfo", {{"code", 7}, {"complete", 1}, {"info", {{"Operator", "Alpha"}}}}},
+            {"networkInfo",
+             qv::Json::array({{{"code", 7}, {"complete", 1}, {"info", {{"Operator", "Alpha"}}}}})},
             {"latency", latency}};
 }
 

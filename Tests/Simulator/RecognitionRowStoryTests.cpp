@@ -103,8 +103,9 @@ TEST(RecognitionRowStory, GenericRecogniserReportsANoRuleDeviceThreeTimesAndARef
                        .option("rules", qv::Json::array({{{"QuorvelID", 15355}, {"Allowed", 0}}}))
                        .run(10.0);
     EXPECT_EQ(eventsOf(refused, "monitor", "noteCouldNotIdentifyDevice:").size(), 3u);
+    // Once by the match, once by the generic attempt acting on its answer.
     EXPECT_EQ(countLogPrefix(refused, "Device is recognized but not allowed. Throwing it away!"),
-              1u);
+              2u);
     EXPECT_TRUE(hasLogLine(refused, "Generic device could not be recognized"));
     EXPECT_TRUE(eventsOf(refused, "application", "noteDeviceBecameAvailable:").empty());
 }

@@ -73,7 +73,9 @@ bool readActionWithArgument(const qv::Json& json, const std::string& where,
     if (json.size() != 1) {
         return fail(error, where, "must name one action");
     }
-    const auto& [name, value] = *json.items().begin();
+    const auto only = json.begin();
+    const std::string name = only.key();
+    const qv::Json& value = only.value();
     const std::string place = where + "." + name;
     if (name == "setDefaultDevice") {
         if (!value.is_number_integer()) {
