@@ -1,7 +1,7 @@
 // The built-in table lookups: linear scans over 238 rows, expected well under a microsecond.
 #include <benchmark/benchmark.h>
 
-#include "Knowledge/QVDeviceTableLookups.h"
+#include "QVDeviceKnowledge/QVDeviceTableLookups.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <string_view>
 
-#include "Knowledge/QVDeviceTableLookups.h"
-#include "Knowledge/QVDeviceTables.h"
+#include "QVDeviceKnowledge/QVDeviceTableLookups.h"
+#include "QVDeviceKnowledge/QVDeviceTables.h"
 
 namespace {
 

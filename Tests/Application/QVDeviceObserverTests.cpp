@@ -64,7 +64,10 @@ TEST_F(ObserverTest, ModemRequestsGoToTheNetworkQueryPortOfTheDefaultDevice) {
     observer_->setDefaultDevice(0);
     observer_->devicesChanged();
     EXPECT_EQ(countLines("==> Device list changed"), 1u);
-    EXPECT_EQ(lines_->back(), "Fatal error: Start Get OGTC status error(enabled or disabled)...");
+    // The default device has no port for network queries: it says so and asks nothing.
+    EXPECT_EQ(lines_->back(),
+              "Default device 'Stick 1' has no port for network queries: no modem request");
+    EXPECT_TRUE(gsm_->calls().empty());
 
     observer_->setDefaultDevice(1);
     observer_->update();

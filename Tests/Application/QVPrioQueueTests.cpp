@@ -121,3 +121,23 @@ TEST_F(PrioQueueTest, RemovalRequeueingAndBadPriorities) {
 }
 
 }  // namespace
+
+// Starting twice leaves two timers: two tasks run per second, and stopping ends only the last.
+TEST_F(PrioQueueTest, StartingTwiceRunsTwoSchedulers) {
+    for (const char* name : {"A", "B", "C", "D", "E", "F"}) {
+        queue_->addTaskDelayed(std::make_shared<NamedTask>(name, recorder_), 1);
+    }
+    queue_->startExecution();
+    loop_->runUntil(0.5);
+    queue_->startExecution();
+    loop_->runUntil(1.0);
+    EXPECT_EQ(recorder_.runs, std::vector<std::string>{"A"});
+    loop_->runUntil(1.5);
+    EXPECT_EQ(recorder_.runs, (std::vector<std::string>{"A", "B"}));
+    loop_->runUntil(2.5);
+    EXPECT_EQ(recorder_.runs, (std::vector<std::string>{"A", "B", "C", "D"}));
+    queue_->stopExecution();
+    loop_->runUntil(4.1);
+    EXPECT_EQ(recorder_.runs, (std::vector<std::string>{"A", "B", "C", "D", "E", "F"}))
+        << "the first timer still runs";
+}

@@ -16,7 +16,7 @@
 #include "Knowledge/QVDeviceDatabase.h"
 #include "Knowledge/QVDeviceDatabaseChecker.h"
 #include "Knowledge/QVDeviceDatabaseEntry.h"
-#include "Knowledge/QVDeviceTables.h"
+#include "QVDeviceKnowledge/QVDeviceTables.h"
 
 namespace {
 

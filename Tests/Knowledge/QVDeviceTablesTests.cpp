@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "Knowledge/QVDeviceTableLookups.h"
-#include "Knowledge/QVDeviceTables.h"
+#include "QVDeviceKnowledge/QVDeviceTableLookups.h"
+#include "QVDeviceKnowledge/QVDeviceTables.h"
 
 namespace {
 

@@ -185,75 +185,42 @@ bool PreparationScenario::readOption(const std::string& key, const qv::Json& val
     return true;
 }
 
-std::optional<qv::ScriptedTimeline> PreparationScenario::readTimeline(const qv::Json& timeline,
-                                                                      std::string* error) {
-    if (!timeline.is_array()) {
-        return qv::ScriptedTimeline::fromJson(timeline, error);
+bool PreparationScenario::isMountEvent(const qv::Json& event) {
+    return event.is_object() && (event.contains("mount") || event.contains("unmount"));
+}
+
+bool PreparationScenario::readMountEvent(const qv::Json& event, const std::string& where,
+                                         std::string* error) {
+    MountEvent mountEvent;
+    if (event.size() != 2 || !event.contains("at")) {
+        fail(error, where, "a mount event has \"at\" and one of \"mount\" or \"unmount\"");
+        return false;
     }
-    qv::Json registryEvents = qv::Json::array();
-    std::vector<std::size_t> places;  // index in the file of each registry event
-    for (std::size_t i = 0; i < timeline.size(); ++i) {
-        const qv::Json& event = timeline[i];
-        const std::string where = "timeline[" + std::to_string(i) + "]";
-        bool isMount = event.is_object() && (event.contains("mount") || event.contains("unmount"));
-        if (!isMount) {
-            registryEvents.push_back(event);
-            places.push_back(i);
-            continue;
-        }
-        MountEvent mountEvent;
-        if (event.size() != 2 || !event.contains("at")) {
-            fail(error, where, "a mount event has \"at\" and one of \"mount\" or \"unmount\"");
-            return std::nullopt;
-        }
-        if (!readSeconds(event["at"], where + ".at", &mountEvent.at, error)) {
-            return std::nullopt;
-        }
-        if (event.contains("unmount")) {
-            mountEvent.mount = false;
-            if (!readDiskName(event["unmount"], where + ".unmount", &mountEvent.disk, error)) {
-                return std::nullopt;
-            }
-        } else {
-            const qv::Json& mount = event["mount"];
-            if (!mount.is_object() || mount.size() != 2 || !mount.contains("disk") ||
-                !mount.contains("path")) {
-                fail(error, where + ".mount", "must be {\"disk\": NAME, \"path\": PATH}");
-                return std::nullopt;
-            }
-            if (!readDiskName(mount["disk"], where + ".mount.disk", &mountEvent.disk, error) ||
-                !readMountPoint(mount["path"], where + ".mount.path", &mountEvent.path, error)) {
-                return std::nullopt;
-            }
-        }
-        mountEvents.push_back(std::move(mountEvent));
+    if (!readSeconds(event["at"], where + ".at", &mountEvent.at, error)) {
+        return false;
     }
-    std::stable_sort(mountEvents.begin(), mountEvents.end(),
-                     [](const MountEvent& a, const MountEvent& b) { return a.at < b.at; });
-    std::string message;
-    auto parsed = qv::ScriptedTimeline::fromJson(registryEvents, &message);
-    if (!parsed) {
-        // The registry reader counted without the mount events: name the event as the file does.
-        std::size_t index = 0;
-        std::size_t consumed = 0;
-        const std::string prefix = "timeline[";
-        if (message.rfind(prefix, 0) == 0) {
-            try {
-                index = std::stoul(message.substr(prefix.size()), &consumed);
-            } catch (const std::exception&) {
-                consumed = 0;
-            }
+    if (event.contains("unmount")) {
+        mountEvent.mount = false;
+        if (!readDiskName(event["unmount"], where + ".unmount", &mountEvent.disk, error)) {
+            return false;
         }
-        if (consumed > 0 && index < places.size()) {
-            message =
-                prefix + std::to_string(places[index]) + message.substr(prefix.size() + consumed);
+    } else {
+        const qv::Json& mount = event["mount"];
+        if (!mount.is_object() || mount.size() != 2 || !mount.contains("disk") ||
+            !mount.contains("path")) {
+            fail(error, where + ".mount", "must be {\"disk\": NAME, \"path\": PATH}");
+            return false;
         }
-        if (error != nullptr) {
-            *error = message;
+        if (!readDiskName(mount["disk"], where + ".mount.disk", &mountEvent.disk, error) ||
+            !readMountPoint(mount["path"], where + ".mount.path", &mountEvent.path, error)) {
+            return false;
         }
-        return std::nullopt;
     }
-    return parsed;
+    // Later events of the same time stay after earlier ones.
+    auto place = std::upper_bound(mountEvents.begin(), mountEvents.end(), mountEvent.at,
+                                  [](double at, const MountEvent& other) { return at < other.at; });
+    mountEvents.insert(place, std::move(mountEvent));
+    return true;
 }
 
 }  // namespace qvdevice

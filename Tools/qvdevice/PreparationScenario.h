@@ -44,9 +44,10 @@ struct PreparationScenario {
     // One option of the scenario's "options" object. Answers false for a key that is not one of
     // these (nothing set, no error); true with `error` set for a bad value.
     bool readOption(const std::string& key, const qv::Json& value, std::string* error, bool* bad);
-    // Reads a scenario's "timeline": the mount events into this, the rest as a registry
-    // timeline. Error messages name the event by its place in the file.
-    std::optional<qv::ScriptedTimeline> readTimeline(const qv::Json& timeline, std::string* error);
+    // A timeline event that mounts or unmounts a disk.
+    static bool isMountEvent(const qv::Json& event);
+    // Reads one mount event (`where` names it in messages) into mountEvents, kept in time order.
+    bool readMountEvent(const qv::Json& event, const std::string& where, std::string* error);
 
     // The kernel names a story may mount or switch: what the udev feeder gives a disk.
     static bool isDiskName(const std::string& name);

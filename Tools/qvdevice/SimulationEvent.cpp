@@ -56,7 +56,7 @@ std::string SimulationEvent::prettyLine() const {
         auto it = fields.find(key);
         return it == fields.end() ? nullptr : &*it;
     };
-    if (kind == "monitor" || kind == "application" || kind == "gsm") {
+    if (kind == "monitor" || kind == "application" || kind == "gsm" || kind == "app") {
         if (const auto* call = field("call"))
             detail = call->get<std::string>();
         if (const auto* port = field("port"))

@@ -160,10 +160,10 @@ std::optional<SimulationScenario> SimulationScenario::fromJson(const qv::Json& j
             if (!readOptions(value, scenario.options, error))
                 return std::nullopt;
         } else if (key == "timeline") {
-            auto timeline = scenario.options.preparation.readTimeline(value, error);
-            if (!timeline)
+            if (!readTimelineWithApplicationActions(value, scenario.timeline,
+                                                    scenario.applicationActions,
+                                                    scenario.options.preparation, error))
                 return std::nullopt;
-            scenario.timeline = std::move(*timeline);
             hasTimeline = true;
         } else if (key == "modems") {
             if (!value.is_object()) {

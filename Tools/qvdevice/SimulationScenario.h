@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "ApplicationAction.h"
 #include "Foundation/JsonValue.h"
 #include "Foundation/Value.h"
 #include "IOKit/ScriptedTimeline.h"
@@ -37,6 +38,7 @@ struct SimulationScenario {
     SimulationOptions options;
     qv::ScriptedTimeline timeline;
     qv::Value modems;  // dictionary: port path -> modem description (may be nil)
+    std::vector<ApplicationAction> applicationActions;  // the timeline's "app" events
 
     // nullopt and one line naming the place on any error.
     static std::optional<SimulationScenario> fromJson(const qv::Json& json, std::string* error);

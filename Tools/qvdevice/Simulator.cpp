@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <memory>
+#include "ApplicationActionPlayer.h"
 
 #include "Application/PlatformFactory.h"
 #include "Application/QVDeviceObserver.h"
@@ -101,6 +102,8 @@ class SimulatedApplication : public QVDeviceObserverDelegate {
         : recorder_(recorder), defaultDevice_(defaultDevice) {}
 
     void setObserver(std::weak_ptr<QVDeviceObserver> observer) { observer_ = std::move(observer); }
+    // A restarted observer begins with an empty list, and so does the application.
+    void forgetDevices() { devices_.clear(); }
 
     void noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) override {
         recorder_.addCall("application", "noteDeviceBecameAvailable:", device);
@@ -339,11 +342,18 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     if (options.startQueue) {
         QVPrioQueue::getInstance()->startExecution();
     }
+    ApplicationActionPlayer actions(
+        scenario.applicationActions, observer, [&](const ApplicationAction& action) {
+            recorder.add("app", ApplicationActionPlayer::fields(action));
+            if (action.kind == ApplicationAction::Kind::Start) {
+                application.forgetDevices();
+            }
+        });
+    actions.schedule(*loop, origin);
 
-    const double end =
-        origin +
-        until.value_or(options.until.value_or(
-            std::max(scenario.timeline.endTime(), options.preparation.endTime()) + kDefaultTail));
+    const double storyEnd = std::max({scenario.timeline.endTime(), options.preparation.endTime(),
+                                      lastApplicationActionTime(scenario.applicationActions)});
+    const double end = origin + until.value_or(options.until.value_or(storyEnd + kDefaultTail));
     while (!terminated && loop->now() < end) {
         double next = loop->nextFireTime();
         try {

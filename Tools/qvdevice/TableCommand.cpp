@@ -5,7 +5,7 @@
 
 #include "CommandContext.h"
 #include "Foundation/JsonValue.h"
-#include "Knowledge/QVDeviceTables.h"
+#include "QVDeviceKnowledge/QVDeviceTables.h"
 
 namespace qvdevice {
 

@@ -97,6 +97,7 @@ QVDeviceObserver::~QVDeviceObserver() {
 }
 
 void QVDeviceObserver::start() {
+    _stopped = false;
     _deviceList.clear();
     // The registry's feed (udev on a real machine) runs while any observer is started.
     if (!_usesPlatform) {
@@ -112,6 +113,7 @@ void QVDeviceObserver::start() {
 void QVDeviceObserver::stop() {
     // The delegate goes first, so nobody hears of the devices that were present; the list stays
     // readable until the next start replaces it.
+    _stopped = true;
     if (_deviceMonitor) {
         _deviceMonitor->setDelegate(nullptr);
         _deviceMonitor->teardown();
@@ -153,11 +155,17 @@ void QVDeviceObserver::devicesChanged() {
 
 void QVDeviceObserver::update() {
     auto device = defaultDevice();
-    if (!device) {
+    if (!device || _stopped) {
         return;
     }
     auto port = device->portWithCapability("NetworkQuery");
-    std::string portName = port ? port->name() : std::string();
+    // Without the port there is nobody to ask; a request on no port would only fail later.
+    if (!port) {
+        qv::logRecognition("Default device '%@' has no port for network queries: no modem request",
+                           productNameOf(device));
+        return;
+    }
+    const std::string portName = port->name();
     const int deviceId = device->qvDeviceId();
     startGroundInitEx(deviceId, portName.c_str(), kGroundInitScript, groundInitListener, this);
     if (getTheDeviceInfo(deviceId, portName.c_str(), getDeviceInfoListener, this) == 0) {
@@ -166,6 +174,10 @@ void QVDeviceObserver::update() {
 }
 
 void QVDeviceObserver::fireStartGetNetInfo() {
+    // The re-query timer of a poll that was under way at the stop.
+    if (_stopped) {
+        return;
+    }
     setAutorepeatNetInfo(true);
     QVPrioQueue::getInstance()->addTask(shared_from_this(), kNetworkQueryPriority);
 }
@@ -173,7 +185,7 @@ void QVDeviceObserver::fireStartGetNetInfo() {
 void QVDeviceObserver::executeInBackground(QVPrioQueue& queue) {
     (void)queue;
     auto device = defaultDevice();
-    if (!device) {
+    if (!device || _stopped) {
         return;
     }
     auto port = device->portWithCapability("NetworkQuery");
@@ -182,6 +194,9 @@ void QVDeviceObserver::executeInBackground(QVPrioQueue& queue) {
 }
 
 void QVDeviceObserver::networkInfoDidUpdate(const qv::Value& info) {
+    if (_stopped) {
+        return;
+    }
     _netInfo = info;
     qv::logRecognition("==> Network Info did update");
     if (_delegate) {
@@ -195,13 +210,13 @@ void QVDeviceObserver::deviceInfoDidUpdate(const qv::Value& info) {
 }
 
 void QVDeviceObserver::deviceDidRecognize() {
-    if (_delegate) {
+    if (_delegate && !_stopped) {
         _delegate->noteDeviceDidRecognize(defaultDevice());
     }
 }
 
 void QVDeviceObserver::deviceRecognitionError(int code) {
-    if (_delegate) {
+    if (_delegate && !_stopped) {
         _delegate->noteDeviceRecognitionError(code);
     }
 }

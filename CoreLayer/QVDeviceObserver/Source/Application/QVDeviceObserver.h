@@ -87,6 +87,9 @@ class QVDeviceObserver : public QVDeviceEventCallbacks,
     QVDeviceObserverDelegate* _delegate = nullptr;
     std::vector<std::shared_ptr<QVDevice>> _deviceList;
     bool _autorepeatNetInfo = true;
+    // Set by stop, cleared by start: a stopped observer starts no modem request and passes no
+    // late modem answer on, so polling that was under way ends with the stop.
+    bool _stopped = false;
     std::shared_ptr<QVDeviceMonitor> _deviceMonitor;
     bool _usesPlatform = false;  // counted among the registry's users (PlatformFactory)
 };

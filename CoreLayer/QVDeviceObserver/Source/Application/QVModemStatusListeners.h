@@ -7,8 +7,12 @@
 
 #include "Foundation/Value.h"
 
+// Plain exported functions with C linkage, like the registry callbacks and the tables: a host or
+// a modem library finds them by their plain names.
 // `data` points to one slot holding a dictionary, for a success; it may be null.
+extern "C" {
 void groundInitListener(std::int32_t code, void* context, qv::Value* data);
 void getDeviceInfoListener(std::int32_t code, void* context, qv::Value* data);
 void gsmGetNetworkInfoListener(std::int32_t code, void* context, qv::Value* data,
                                std::int32_t complete);
+}

@@ -140,13 +140,27 @@ void QVDeviceNotificationReceiver::handleDeviceTimerCallback(qv::Timer& timer) {
     }
     // handleDevice() may add and remove devices: walk what was listed when the tick began.
     QVIODeviceArray snapshot = _addedIODevices;
+    const std::uint64_t epoch = _examinationEpoch;
     for (const auto& device : snapshot) {
         handleDevice(device);
+        // Stopped from inside (a delegate that stops the application): the rest is not ours.
+        if (wasStoppedSince(epoch)) {
+            return;
+        }
         if (device->timeIntervalSinceItWasAdded() > _handlingTimout) {
             timeoutHandlingDevice(device);
             removeDevice(device);
             // One time-out per tick; the devices behind it wait for the next one.
             return;
         }
+    }
+}
+
+void QVDeviceNotificationReceiver::stopExamination() {
+    ++_examinationEpoch;
+    _addedIODevices.clear();
+    if (_ejectionDriver) {
+        _ejectionDriver->invalidate();
+        _ejectionDriver.reset();
     }
 }

@@ -76,6 +76,15 @@ class QVDeviceNotificationReceiver
     // One examination tick.
     void handleDeviceTimerCallback(qv::Timer& timer);
 
+    // Ends all examination at once: the listed devices are forgotten, the timer stops and a tick
+    // that is walking its devices goes no further. No hook or log line follows; the
+    // subscriptions are the notification center's business. A later device starts afresh.
+    virtual void stopExamination();
+    // Moves on at every stopExamination(): work that spans calls out (delegates, modem
+    // questioning) compares it with the value it began with to learn that it was stopped.
+    std::uint64_t examinationEpoch() const { return _examinationEpoch; }
+    bool wasStoppedSince(std::uint64_t epoch) const { return _examinationEpoch != epoch; }
+
     bool isExaminingForTesting() const { return _ejectionDriver != nullptr; }
 
   private:
@@ -85,4 +94,5 @@ class QVDeviceNotificationReceiver
     // The examination timer (the name is historical: every receiver has one).
     std::shared_ptr<qv::Timer> _ejectionDriver;
     double _handlingTimout = kDefaultHandlingTimeout;
+    std::uint64_t _examinationEpoch = 0;
 };

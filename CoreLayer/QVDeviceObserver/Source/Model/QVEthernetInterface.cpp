@@ -23,8 +23,9 @@ std::string QVEthernetInterface::description() const {
 }
 
 bool QVEthernetInterface::isEqual(const qv::Object& other) const {
-    return hasSameClassAndCapabilities(other) &&
-           static_cast<const QVEthernetInterface&>(other)._name == _name;
+    // As with a serial path, a missing name equals nothing.
+    const auto& otherName = static_cast<const QVEthernetInterface&>(other)._name;
+    return hasSameClassAndCapabilities(other) && _name && otherName && *otherName == *_name;
 }
 
 qv::Value QVEthernetInterface::toDictionary() const {

@@ -41,8 +41,10 @@ std::string QVSerialInterface::description() const {
 }
 
 bool QVSerialInterface::isEqual(const qv::Object& other) const {
-    return hasSameClassAndCapabilities(other) &&
-           static_cast<const QVSerialInterface&>(other)._path == _path;
+    // A missing path equals nothing, not even another missing one: the comparison is a string
+    // comparison that a missing string never passes.
+    const auto& otherPath = static_cast<const QVSerialInterface&>(other)._path;
+    return hasSameClassAndCapabilities(other) && _path && otherPath && *otherPath == *_path;
 }
 
 qv::Value QVSerialInterface::toDictionary() const {

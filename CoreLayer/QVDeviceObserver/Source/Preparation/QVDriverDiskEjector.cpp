@@ -1,5 +1,7 @@
 #include "QVDriverDiskEjector.h"
 
+#include <algorithm>
+
 #include "Foundation/Logging.h"
 #include "Foundation/Platform.h"
 #include "Foundation/Task.h"
@@ -15,14 +17,34 @@ void QVDriverDiskEjector::handleDevice(const std::shared_ptr<QVIODevice>& device
     if (!device->hasDriverVolume()) {
         return;
     }
-    auto self = std::static_pointer_cast<QVDriverDiskEjector>(shared_from_this());
-    qv::RunLoop::current().performAfterDelay(
-        1.0, [self, device]() { self->unmountDriverVolumeForIODevice(device); });
+    // Weak: the ejector keeps its pending timers, and a timer must not keep the ejector.
+    std::weak_ptr<QVDriverDiskEjector> weakSelf =
+        std::static_pointer_cast<QVDriverDiskEjector>(shared_from_this());
+    std::erase_if(_pendingUnmounts, [](const auto& timer) { return !timer->isValid(); });
+    _pendingUnmounts.push_back(qv::RunLoop::current().performAfterDelay(1.0, [weakSelf, device]() {
+        if (auto self = weakSelf.lock()) {
+            self->unmountDriverVolumeForIODevice(device);
+        }
+    }));
     removeDevice(device);
 }
 
 void QVDriverDiskEjector::timeoutHandlingDevice(const std::shared_ptr<QVIODevice>& device) {
     qv::logRecognition("Timeout ejecting driver discs for device: %@", device);
+}
+
+void QVDriverDiskEjector::stopExamination() {
+    QVDeviceNotificationReceiver::stopExamination();
+    for (const auto& timer : _pendingUnmounts) {
+        timer->invalidate();
+    }
+    _pendingUnmounts.clear();
+}
+
+std::size_t QVDriverDiskEjector::pendingUnmountCountForTesting() const {
+    return static_cast<std::size_t>(
+        std::count_if(_pendingUnmounts.begin(), _pendingUnmounts.end(),
+                      [](const auto& timer) { return timer->isValid(); }));
 }
 
 void QVDriverDiskEjector::unmountDriverVolumeForIODevice(

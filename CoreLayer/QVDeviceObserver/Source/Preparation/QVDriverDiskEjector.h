@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Events/QVDeviceNotificationReceiver.h"
 
@@ -20,6 +21,8 @@ class QVDriverDiskEjector : public QVDeviceNotificationReceiver {
 
     void handleDevice(const std::shared_ptr<QVIODevice>& device) override;
     void timeoutHandlingDevice(const std::shared_ptr<QVIODevice>& device) override;
+    // Also cancels the unmounts still waiting for their second: nothing starts after a stop.
+    void stopExamination() override;
 
     // Logs the volume and starts the disk utility on the device's driver disk.
     void unmountDriverVolumeForIODevice(const std::shared_ptr<QVIODevice>& device);
@@ -28,6 +31,10 @@ class QVDriverDiskEjector : public QVDeviceNotificationReceiver {
     std::string diskUtilityPath() const;
     void setDiskUtilityPath(std::optional<std::string> path) { _diskUtilityPath = std::move(path); }
 
+    std::size_t pendingUnmountCountForTesting() const;
+
   private:
     std::optional<std::string> _diskUtilityPath;
+    // The delayed unmounts; fired ones are dropped at the next scheduling.
+    std::vector<std::shared_ptr<qv::Timer>> _pendingUnmounts;
 };

@@ -5,11 +5,11 @@
 #include "Foundation/Platform.h"
 #include "IOKit/IOKitLib.h"
 #include "Knowledge/QVDeviceDatabase.h"
-#include "Knowledge/QVDeviceTableLookups.h"
-#include "Knowledge/QVDeviceTables.h"
 #include "Model/QVSerialInterface.h"
 #include "Model/QVUSBDevice.h"
 #include "Preparation/QVDriverDiskEjector.h"
+#include "QVDeviceKnowledge/QVDeviceTableLookups.h"
+#include "QVDeviceKnowledge/QVDeviceTables.h"
 #include "Rules/QVAllowedDeviceRulesEntry.h"
 #include "Rules/QVDeviceFilter.h"
 #include "RunLoop/RunLoop.h"
@@ -174,6 +174,9 @@ void QVDeviceMonitor::removeRecognizedDeviceForIODevice(
 
 void QVDeviceMonitor::teardown() {
     qv::logRecognition("QVDeviceMonitor: teardown");
+    // Nothing pending is examined again, and no unmount starts: a stop ends all work.
+    stopExamination();
+    _diskSupressor->stopExamination();
     std::vector<std::shared_ptr<QVDevice>> leaving;
     if (_identifiedDevices) {
         leaving = *_identifiedDevices;
@@ -314,8 +317,13 @@ bool QVDeviceMonitor::didIdentifyIODevice(const std::shared_ptr<QVIODevice>& ioD
     if (!validateSerialPortsAvailability(*ioDevice, entry)) {
         return false;
     }
+    // The delegate may stop the monitor from any of its calls; whatever follows is then dropped.
+    const std::uint64_t epoch = examinationEpoch();
     if (_delegate) {
         _delegate->noteStartedIdentifyingDevice(device);
+    }
+    if (wasStoppedSince(epoch)) {
+        return false;
     }
     const std::int32_t delay = PowerUpDelayFromIODevice(*ioDevice);
     if (device->isMissingQuorvelID() || device->alwaysIdentifyWithATCommands()) {
@@ -323,7 +331,11 @@ bool QVDeviceMonitor::didIdentifyIODevice(const std::shared_ptr<QVIODevice>& ioD
         device->couldIdentifyWithATCommandsFromIODevice(*ioDevice);
         approach = kApproachATCommands;
     }
-    switch (tryToMatchDeviceDatabaseEntryForQVDevice(device, ioDevice, approach)) {
+    const int match = tryToMatchDeviceDatabaseEntryForQVDevice(device, ioDevice, approach);
+    if (wasStoppedSince(epoch)) {
+        return false;
+    }
+    switch (match) {
         case kMatchNoRule:
             qv::logRecognition("Device is recognized but no rule could be found for it");
             deviceRecognizedButNoRuleExistForIt(device, ioDevice);

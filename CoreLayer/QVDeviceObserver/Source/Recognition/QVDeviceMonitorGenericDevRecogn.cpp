@@ -6,9 +6,9 @@
 #include "Foundation/NotificationCenter.h"
 #include "IOKit/IOKitLib.h"
 #include "Knowledge/QVDeviceDatabase.h"
-#include "Knowledge/QVDeviceTableLookups.h"
 #include "Model/QVUSBDevice.h"
 #include "Preparation/QVDriverDiskEjector.h"
+#include "QVDeviceKnowledge/QVDeviceTableLookups.h"
 #include "Rules/QVDeviceFilter.h"
 
 std::shared_ptr<QVDeviceMonitor> QVDeviceMonitorGenericDevRecogn::create() {
@@ -36,14 +36,19 @@ void QVDeviceMonitorGenericDevRecogn::timeoutHandlingDevice(
 
 void QVDeviceMonitorGenericDevRecogn::deviceRecognizedButNoRuleExistForIt(
     const std::shared_ptr<QVUSBDevice>& device, const std::shared_ptr<QVIODevice>& ioDevice) {
+    const std::uint64_t epoch = examinationEpoch();
     QVDeviceMonitor::deviceRecognizedButNoRuleExistForIt(device, ioDevice);
-    tryToIdentifyGenericDevice(ioDevice);
+    // A delegate that stopped the monitor on hearing of the device wants no second attempt.
+    if (!wasStoppedSince(epoch)) {
+        tryToIdentifyGenericDevice(ioDevice);
+    }
 }
 
 void QVDeviceMonitorGenericDevRecogn::tryToIdentifyGenericDevice(
     const std::shared_ptr<QVIODevice>& ioDevice) {
     qv::logRecognition("Try to recognize generic device: %@", ioDevice);
-    if (didIdentifyGenericIODevice(ioDevice)) {
+    const std::uint64_t epoch = examinationEpoch();
+    if (didIdentifyGenericIODevice(ioDevice) || wasStoppedSince(epoch)) {
         return;
     }
     qv::logRecognition("Generic device could not be recognized");
@@ -75,10 +80,18 @@ bool QVDeviceMonitorGenericDevRecogn::didIdentifyGenericIODevice(
     if (!ioDevice->hasSerialPorts()) {
         return false;
     }
+    const std::uint64_t epoch = examinationEpoch();
     if (_delegate) {
         _delegate->noteStartedIdentifyingDevice(device);
     }
-    switch (tryToMatchDeviceDatabaseEntryForQVDevice(device, ioDevice, kApproachTable)) {
+    if (wasStoppedSince(epoch)) {
+        return false;
+    }
+    const int match = tryToMatchDeviceDatabaseEntryForQVDevice(device, ioDevice, kApproachTable);
+    if (wasStoppedSince(epoch)) {
+        return false;
+    }
+    switch (match) {
         case kMatchNoRule:
             qv::logRecognition("Device is recognized but no rule could be found for it");
             if (_delegate) {

@@ -32,8 +32,10 @@ bool anyRule(const qv::Value& rules, Visit visit) {
     return false;
 }
 
+// A key counts as given only with a present value: nil, "" or an empty collection is as good as
+// no key at all ("QuorvelID": "" names every device, "Allowed": "" does not forbid).
 bool has(const qv::Value& rule, const char* key) {
-    return rule.asDictionary()->contains(key);
+    return rule[key].isPresent();
 }
 
 std::int32_t intFor(const qv::Value& rule, const char* key) {

@@ -1,4 +1,4 @@
-#include "Knowledge/QVDeviceTableLookups.h"
+#include "QVDeviceKnowledge/QVDeviceTableLookups.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "Knowledge/QVDeviceTables.h"
+#include "QVDeviceKnowledge/QVDeviceTables.h"
 
 struct QVDeviceTableLookups {
     // The single devicesInfo row of that pair; null when there is none or when the pair stands

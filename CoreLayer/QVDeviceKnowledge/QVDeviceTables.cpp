@@ -2,7 +2,7 @@
 // Quorvel ID 0 stand for more than one model (shared storage-mode IDs, product IDs reused across
 // models) and are settled later by the device database and AT probing. Pairs that stand on several
 // rows are deliberate: the vendor/product lookup reports them as not in the table.
-#include "Knowledge/QVDeviceTables.h"
+#include "QVDeviceKnowledge/QVDeviceTables.h"
 
 #include <iterator>
 
