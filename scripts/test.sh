@@ -8,7 +8,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc 2>/dev/null || echo 2)
 
 echo "== normal build"
-"$root/scripts/build.sh" "$root/build" -DQV_SANITIZE=OFF
+"$root/scripts/build.sh" "$root/build" -DQV_SANITIZE=OFF -DCMAKE_BUILD_TYPE=Release
 (cd "$root/build" && ctest --output-on-failure -j"$jobs")
 
 echo "== sanitizer build (address, undefined)"
