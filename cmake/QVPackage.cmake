@@ -9,7 +9,11 @@ set(CPACK_PACKAGE_CONTACT "QVDeviceObserver developers <qvdeviceobserver@localho
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
     "Detection of USB modem sticks, data cards and phones for connection applications")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
+# The package installs where the build was configured to install (configure with
+# -DCMAKE_INSTALL_PREFIX=/usr for a system package): the paths compiled into the framework then
+# match the package's.
+set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
+set(CPACK_STRIP_FILES ON)
 set(CPACK_GENERATOR "DEB")
 set(CPACK_COMPONENTS_ALL runtime development)
 

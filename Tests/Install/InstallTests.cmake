@@ -1,7 +1,7 @@
 # The installed framework as an application's developers get it: `cmake --install` into a
 # staging directory, the layout checked, the host example built against the installed files with
 # CMake and with pkg-config, then run on a fake modem stick under umockdev. Not in sanitizer
-# builds: the example would have to be built with the sanitizers too.
+# builds: the example would have to be built with the sanitizers too. The Debian packages too.
 if(NOT QV_SANITIZE)
   set(QV_INSTALL_TEST_DIR ${CMAKE_BINARY_DIR}/install-test)
   add_test(NAME install_and_build_host_example
@@ -24,4 +24,10 @@ if(NOT QV_SANITIZE)
              "${UMOCKDEV_RUN}")
   set_tests_properties(installed_host_example_finds_a_fake_stick PROPERTIES
     FIXTURES_REQUIRED installed_host_example SKIP_RETURN_CODE 77 TIMEOUT 120)
+
+  # The Debian packages that `cpack -G DEB` makes from this build.
+  add_test(NAME debian_packages
+           COMMAND ${CMAKE_CURRENT_LIST_DIR}/build-debian-packages.sh ${CMAKE_BINARY_DIR}
+             ${CMAKE_BINARY_DIR}/debian-packages-test)
+  set_tests_properties(debian_packages PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 600)
 endif()
