@@ -5,9 +5,7 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS QVDeviceObserver EXPORT QVDeviceObserverTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_SKIP)
-install(TARGETS QVDeviceObserver
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development NAMELINK_ONLY)
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 
 # Headers, installed by folder so that a class added to a subsystem is installed with it: the
 # framework's classes, and the platform types their interfaces use (values, objects, run loop,

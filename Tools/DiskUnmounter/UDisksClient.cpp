@@ -76,7 +76,8 @@ bool serviceAvailable(GDBusConnection* connection, std::string* why) {
 UDisksClient::Block readBlock(const gchar* objectPath, GVariant* interfaces, bool* isBlock) {
     // Built with its strings in place: assigning them to a default-constructed block makes
     // GCC 12 at -O3 warn about an overlapping copy that cannot happen (-Wrestrict).
-    UDisksClient::Block block{.objectPath = std::string(objectPath), .drivePath = std::string("/")};
+    UDisksClient::Block block{
+        .objectPath = std::string(objectPath), .drivePath = std::string("/"), .mountPoints = {}};
     *isBlock = false;
     if (GVariant* properties =
             g_variant_lookup_value(interfaces, kBlockInterface, G_VARIANT_TYPE_VARDICT)) {
