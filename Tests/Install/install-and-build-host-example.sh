@@ -29,7 +29,7 @@ expect_file "$lib/libQVDeviceObserver.so.0.1.0"
 soname=$(objdump -p "$lib/libQVDeviceObserver.so.0.1.0" | awk '$1 == "SONAME" { print $2 }')
 [[ "$soname" == "libQVDeviceObserver.so.0" ]] || fail "SONAME is '$soname'"
 # The modem libraries are inside the framework, not beside it.
-[[ -z "$(find "$lib" -name 'lib*' ! -name 'libQVDeviceObserver.so*' -print -quit)" ]] ||
+[[ -z "$(find "$lib" -mindepth 1 -maxdepth 1 -name '*.so*' ! -name 'libQVDeviceObserver.so*' -print -quit)" ]] ||
   fail "other libraries installed: $(ls "$lib")"
 headers="$root/$QV_INCLUDEDIR/QVDeviceObserver"
 expect_file "$headers/QVDeviceObserver.h"
@@ -54,9 +54,13 @@ grep -q "^prefix=$prefix\$" "$lib/pkgconfig/QVDeviceObserver.pc" ||
 # The installed tool runs from its own place (run path or system library directory).
 "$root/$QV_BINDIR/qvdevice" --help >/dev/null || fail "the installed qvdevice does not run"
 
-# pkg-config reads the staged .pc file as if it were installed in its prefix.
-pc=(pkg-config --define-variable=prefix="$root")
-export PKG_CONFIG_PATH="$lib/pkgconfig"
+# pkg-config reads a copy of the staged .pc file whose prefix is moved into the staging
+# directory (--define-variable would move glib's prefix too).
+mkdir -p "$work/pkgconfig"
+sed "s|^prefix=.*|prefix=$root|" "$lib/pkgconfig/QVDeviceObserver.pc" \
+  >"$work/pkgconfig/QVDeviceObserver.pc"
+export PKG_CONFIG_PATH="$work/pkgconfig"
+pc=(pkg-config)
 
 echo "== every installed header compiles with pkg-config's flags only"
 : >"$work/all-headers.cpp"
