@@ -21,7 +21,7 @@ dev=$(ls "$work"/libqvdeviceobserver-dev_*.deb)
 
 depends=$(dpkg-deb -f "$runtime" Depends)
 echo "runtime Depends: $depends"
-for library in libglib2.0-0 libudev1 libusb-1.0-0 libssl3 libplist3 libstdc++6; do
+for library in libglib2.0-0 libudev1 libssl3 libplist3 libstdc++6; do
   [[ "$depends" == *"$library"* ]] || fail "the runtime package does not depend on $library"
 done
 [[ "$(dpkg-deb -f "$runtime" Recommends)" == *udev* ]] || fail "udev is not recommended"
