@@ -56,10 +56,17 @@ qv_pkgconfig_path(QV_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
 set(QV_PC_PREFIX "@QV_PC_INSTALL_PREFIX@")
 configure_file(${CMAKE_SOURCE_DIR}/cmake/QVDeviceObserver.pc.in
   ${CMAKE_BINARY_DIR}/pkgconfig/QVDeviceObserver.pc.in @ONLY)
+if(IS_ABSOLUTE "${QV_INSTALL_PKGCONFIG_SUBDIR}")
+  set(QV_PC_DESTINATION "${QV_INSTALL_PKGCONFIG_SUBDIR}")
+else()
+  set(QV_PC_DESTINATION "\${CMAKE_INSTALL_PREFIX}/${QV_INSTALL_PKGCONFIG_SUBDIR}")
+endif()
+# One file per destination: installs into several places may run at once (the test suite's).
 install(CODE "
+  string(MD5 qv_pc_tag \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\")
   set(QV_PC_INSTALL_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
   configure_file(\"${CMAKE_BINARY_DIR}/pkgconfig/QVDeviceObserver.pc.in\"
-                 \"${CMAKE_BINARY_DIR}/pkgconfig/QVDeviceObserver.pc\" @ONLY)"
+                 \"${CMAKE_BINARY_DIR}/pkgconfig/\${qv_pc_tag}/QVDeviceObserver.pc\" @ONLY)
+  file(INSTALL DESTINATION \"${QV_PC_DESTINATION}\" TYPE FILE
+       FILES \"${CMAKE_BINARY_DIR}/pkgconfig/\${qv_pc_tag}/QVDeviceObserver.pc\")"
   COMPONENT development)
-install(FILES ${CMAKE_BINARY_DIR}/pkgconfig/QVDeviceObserver.pc
-  DESTINATION ${QV_INSTALL_PKGCONFIG_SUBDIR} COMPONENT development)
