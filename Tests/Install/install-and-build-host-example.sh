@@ -51,8 +51,10 @@ rule=$(find "$stage$QV_UDEV_RULES_DIR" -name '[0-9][0-9]-*.rules' -print -quit 2
 grep -q 'SYMLINK+="cu.%k"' "$rule" || fail "$rule does not make the cu. links"
 grep -q "^prefix=$prefix\$" "$lib/pkgconfig/QVDeviceObserver.pc" ||
   fail "the .pc file's prefix is not $prefix"
-# The installed tool runs from its own place (run path or system library directory).
-"$root/$QV_BINDIR/qvdevice" --help >/dev/null || fail "the installed qvdevice does not run"
+# The installed tool runs (a private prefix gives it a run path; in a system prefix the library
+# would be in the system's library directory, which a staged tree is not).
+LD_LIBRARY_PATH="$lib" "$root/$QV_BINDIR/qvdevice" --help >/dev/null ||
+  fail "the installed qvdevice does not run"
 
 # pkg-config reads a copy of the staged .pc file whose prefix is moved into the staging
 # directory (--define-variable would move glib's prefix too).
