@@ -5,5 +5,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${1:-"$root/build"}
 shift || true
 jobs=$(nproc 2>/dev/null || echo 2)
-cmake -S "$root" -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+# Warnings are errors in the project's own builds (the option is off for everyone else).
+cmake -S "$root" -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_WARNINGS_AS_ERRORS=ON "$@" \
+  >/dev/null
 cmake --build "$build_dir" -j"$jobs"

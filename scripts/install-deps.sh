@@ -6,7 +6,8 @@ packages=(
   build-essential cmake pkg-config clang-format clang-14 libclang-rt-14-dev
   libglib2.0-dev libudev-dev libusb-1.0-0-dev libssl-dev openssl libicu-dev libplist-dev
   nlohmann-json3-dev libcli11-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
-  umockdev libumockdev-dev dbus util-linux mount e2fsprogs usb-modeswitch usb-modeswitch-data
+  umockdev libumockdev-dev dbus util-linux mount e2fsprogs udev file usb-modeswitch
+  usb-modeswitch-data
 )
 
 missing=()

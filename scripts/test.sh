@@ -13,7 +13,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 # arguments win). The sanitizer and fuzz builds need no full optimisation or debug information:
 # -O1 keeps the sanitizers fast enough and -g1 keeps file and line in their reports, at a fraction
 # of the compile time.
-normal_args=(-DQV_SANITIZE=OFF)
+normal_args=(-DQV_SANITIZE=OFF -DCMAKE_BUILD_TYPE=Release)
 sanitize_args=(-DQV_SANITIZE=ON -DQV_BUILD_BENCHMARKS=OFF
                "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g1 -DNDEBUG"
                "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1 -g1 -DNDEBUG")

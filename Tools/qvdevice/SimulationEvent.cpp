@@ -21,7 +21,13 @@ std::string deviceSummary(const qv::Json& device) {
         text = name->get<std::string>();
     }
     if (auto id = device.find("_quorvelID"); id != device.end() && id->is_number()) {
-        text += (text.empty() ? "" : " ") + std::string("#") + id->dump();
+        // Appended piece by piece: "#" + text makes GCC 12 at -O3 warn about an overlapping
+        // copy inside std::string that cannot happen (-Wrestrict).
+        if (!text.empty()) {
+            text += ' ';
+        }
+        text += '#';
+        text += id->dump();
     }
     return text.empty() ? device.dump() : text;
 }
@@ -68,8 +74,10 @@ std::string SimulationEvent::prettyLine() const {
                 detail += std::string("  ") + key + "=" + value->dump();
         }
     } else if (kind == "log") {
-        detail =
-            "[" + field("log")->get<std::string>() + "] " + field("message")->get<std::string>();
+        detail = '[';
+        detail += field("log")->get<std::string>();
+        detail += "] ";
+        detail += field("message")->get<std::string>();
     } else if (kind == "exec") {
         detail = argvText(*field("argv"));
     } else if (kind == "notification") {

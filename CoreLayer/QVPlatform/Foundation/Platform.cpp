@@ -147,7 +147,19 @@ std::optional<std::string> Bundle::pathForResource(const std::string& name,
 
 std::string Bundle::pathForHelperTool(const std::string& name) {
     // An odd name still gives a path inside the resources directory, one that does not exist.
-    return resourcesDirectory() + "/" + (isPlainFileName(name) ? name : std::string("(invalid)"));
+    if (!isPlainFileName(name)) {
+        return resourcesDirectory() + "/(invalid)";
+    }
+    // Beside the resources in the build tree and in a development directory; installed, in the
+    // libexec directory, which lies at a fixed place relative to the installed resources.
+    std::string directory = resourcesDirectory();
+    std::string besideResources = directory + "/" + name;
+    if (isRegularFile(besideResources)) {
+        return besideResources;
+    }
+    std::string installed =
+        (std::filesystem::path(directory) / QV_LIBEXEC_FROM_RESOURCES / name).lexically_normal();
+    return isRegularFile(installed) ? installed : besideResources;
 }
 
 // ---- SystemVersion ----

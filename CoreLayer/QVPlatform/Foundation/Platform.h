@@ -29,7 +29,9 @@ class Bundle {
     // nullopt removes the replacement.
     static void setPathForResource(const std::string& name, const std::string& type,
                                    std::optional<std::string> path);
-    // A helper program shipped in the resources (the disk unmounter, CardPrepTool).
+    // A helper program the framework starts (the disk unmounter, CardPrepTool): the one in the
+    // resources directory, else the installed one in the libexec directory; the path in the
+    // resources directory when there is neither.
     static std::string pathForHelperTool(const std::string& name);
 };
 
