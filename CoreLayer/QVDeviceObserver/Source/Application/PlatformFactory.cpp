@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "LiveDevicePlatform.h"
-#include "QVGsmKit/NullGsmBackend.h"
+#include "QVGsmKit/SerialGsmBackend.h"
 
 namespace qv {
 
@@ -39,11 +39,9 @@ std::shared_ptr<DevicePlatform> PlatformFactory::makeLivePlatform() {
 }
 
 std::shared_ptr<GsmBackend> PlatformFactory::defaultModemBackend() {
-    // THE place where the live framework's modem library is chosen. Until the AT engine on serial
-    // ports is part of the framework this is the null backend, which reaches no modem: devices
-    // that the tables identify are still announced, AT identification and modem initialisation
-    // answer errors. Replace with the serial AT engine once it lands.
-    return std::make_shared<NullGsmBackend>();
+    // The one place where the live framework's modem library is chosen: the AT engine on this
+    // machine's serial ports.
+    return std::make_shared<SerialGsmBackend>();
 }
 
 void PlatformFactory::observerStarted() {
