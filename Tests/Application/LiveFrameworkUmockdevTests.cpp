@@ -138,7 +138,8 @@ class LiveFrameworkUmockdev : public ::testing::Test {
             nullptr, "DEVTYPE", "usb_device", nullptr);
         for (int interface = 2, probe = 0; interface >= 0; --interface, ++probe) {
             std::string interfaceName = name + ":1." + std::to_string(interface);
-            std::string number = "0" + std::to_string(interface);
+            std::string number = "0";  // appended: GCC 12 at -O3 warns falsely about "0" + s
+            number += std::to_string(interface);
             gchar* path = umockdev_testbed_add_device(
                 testbed_, "usb", interfaceName.c_str(), stick, "bInterfaceNumber", number.c_str(),
                 "bInterfaceClass", "ff", nullptr, "DEVTYPE", "usb_interface", nullptr);

@@ -147,7 +147,8 @@ TEST_F(UdevFeederUmockdev, AHotPluggedStickEntersWhenSettledInInterfaceOrder) {
                                                    " 3", nullptr, "DEVTYPE", "usb_device", nullptr);
         for (int i = 2; i >= 0; --i) {
             std::string name = "4-1:1." + std::to_string(i);
-            std::string number = "0" + std::to_string(i);
+            std::string number = "0";  // appended: GCC 12 at -O3 warns falsely about "0" + s
+            number += std::to_string(i);
             gchar* interface = umockdev_testbed_add_device(
                 testbed_, "usb", name.c_str(), stick, "bInterfaceNumber", number.c_str(), nullptr,
                 "DEVTYPE", "usb_interface", nullptr);
