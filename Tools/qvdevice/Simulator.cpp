@@ -21,30 +21,23 @@
 #include "QVGsmKit/ScriptedGsmBackend.h"
 #include "Recognition/QVDeviceMonitor.h"
 #include "Recognition/QVDeviceMonitorGenericDevRecogn.h"
+#include "RecordingObserver.h"
 #include "Rules/QVDeviceFilter.h"
 #include "RunLoop/VirtualRunLoop.h"
+#include "SimulatedApplication.h"
 
 namespace qvdevice {
 
 namespace {
 
 // Collects the events of one run, stamped with the virtual time since the start.
-class EventRecorder {
+class EventRecorder : public EventSink {
   public:
     EventRecorder(const qv::VirtualRunLoop& loop, double origin) : loop_(loop), origin_(origin) {}
 
-    void add(std::string kind, qv::Json fields) {
+    void add(std::string kind, qv::Json fields) override {
         events_.push_back(
             SimulationEvent{loop_.now() - origin_, std::move(kind), std::move(fields)});
-    }
-    void addCall(const char* kind, const std::string& call,
-                 const std::shared_ptr<QVDevice>& device = nullptr) {
-        qv::Json fields = qv::Json::object();
-        fields["call"] = call;
-        if (device) {
-            fields["device"] = qv::jsonFromValue(device->toDictionary());
-        }
-        add(kind, std::move(fields));
     }
     std::vector<SimulationEvent> take() { return std::move(events_); }
 
@@ -52,111 +45,6 @@ class EventRecorder {
     const qv::VirtualRunLoop& loop_;
     double origin_;
     std::vector<SimulationEvent> events_;
-};
-
-// The observer as the application gets it, with every monitor callback written down first.
-class RecordingObserver : public QVDeviceObserver {
-  public:
-    static std::shared_ptr<RecordingObserver> create(std::shared_ptr<QVDeviceMonitor> monitor,
-                                                     EventRecorder& recorder) {
-        return std::shared_ptr<RecordingObserver>(
-            new RecordingObserver(std::move(monitor), recorder));
-    }
-
-    void noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) override {
-        recorder_.addCall("monitor", "noteDeviceBecameAvailable:", device);
-        QVDeviceObserver::noteDeviceBecameAvailable(device);
-    }
-    void noteDeviceBecameMissing(const std::shared_ptr<QVDevice>& device) override {
-        recorder_.addCall("monitor", "noteDeviceBecameMissing:", device);
-        QVDeviceObserver::noteDeviceBecameMissing(device);
-    }
-    void noteDeviceIdentificationStarted() override {
-        recorder_.addCall("monitor", "noteDeviceIdentificationStarted");
-        QVDeviceObserver::noteDeviceIdentificationStarted();
-    }
-    void noteDeviceIdentificationStopped() override {
-        recorder_.addCall("monitor", "noteDeviceIdentificationStopped");
-        QVDeviceObserver::noteDeviceIdentificationStopped();
-    }
-    void noteStartedIdentifyingDevice(const std::shared_ptr<QVDevice>& device) override {
-        recorder_.addCall("monitor", "noteStartedIdentifyingDevice:", device);
-        QVDeviceObserver::noteStartedIdentifyingDevice(device);
-    }
-    void noteCouldNotIdentifyDevice(const std::shared_ptr<QVDevice>& device) override {
-        recorder_.addCall("monitor", "noteCouldNotIdentifyDevice:", device);
-        QVDeviceObserver::noteCouldNotIdentifyDevice(device);
-    }
-
-  private:
-    RecordingObserver(std::shared_ptr<QVDeviceMonitor> monitor, EventRecorder& recorder)
-        : QVDeviceObserver(std::move(monitor)), recorder_(recorder) {}
-    EventRecorder& recorder_;
-};
-
-// The application: keeps its own list of devices, writes down what it hears, and chooses the
-// default device once its list is long enough.
-class SimulatedApplication : public QVDeviceObserverDelegate {
-  public:
-    SimulatedApplication(EventRecorder& recorder, std::optional<int> defaultDevice)
-        : recorder_(recorder), defaultDevice_(defaultDevice) {}
-
-    void setObserver(std::weak_ptr<QVDeviceObserver> observer) { observer_ = std::move(observer); }
-    // A restarted observer begins with an empty list, and so does the application.
-    void forgetDevices() { devices_.clear(); }
-
-    void noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) override {
-        recorder_.addCall("application", "noteDeviceBecameAvailable:", device);
-        devices_.push_back(device);
-        // The list has just become long enough: the application picks its default device, after
-        // this call has returned, as an application reacting to the news would.
-        if (defaultDevice_ && *defaultDevice_ >= 0 &&
-            devices_.size() == static_cast<std::size_t>(*defaultDevice_) + 1) {
-            std::weak_ptr<QVDeviceObserver> observer = observer_;
-            int index = *defaultDevice_;
-            qv::RunLoop::current().post([observer, index]() {
-                if (auto strong = observer.lock()) {
-                    strong->setDefaultDevice(index);
-                    strong->devicesChanged();
-                }
-            });
-        }
-    }
-    void noteDeviceBecameMissing(const std::shared_ptr<QVDevice>& device) override {
-        recorder_.addCall("application", "noteDeviceBecameMissing:", device);
-        std::erase(devices_, device);
-    }
-    void noteDeviceIdentificationStarted() override {
-        recorder_.addCall("application", "noteDeviceIdentificationStarted");
-    }
-    void noteDeviceIdentificationStopped() override {
-        recorder_.addCall("application", "noteDeviceIdentificationStopped");
-    }
-    void noteDeviceDidRecognize(const std::shared_ptr<QVDevice>& device) override {
-        recorder_.addCall("application", "noteDeviceDidRecognize:", device);
-    }
-    void noteDeviceRecognitionError(int code) override {
-        qv::Json fields = qv::Json::object();
-        fields["call"] = "noteDeviceRecognitionError:";
-        fields["code"] = code;
-        recorder_.add("application", std::move(fields));
-    }
-    void noteNetworkInfoDidUpdate(const qv::Value& info,
-                                  const std::shared_ptr<QVDevice>& sender) override {
-        qv::Json fields = qv::Json::object();
-        fields["call"] = "noteNetworkInfoDidUpdate:sender:";
-        fields["info"] = qv::jsonFromValue(info);
-        if (sender) {
-            fields["device"] = qv::jsonFromValue(sender->toDictionary());
-        }
-        recorder_.add("application", std::move(fields));
-    }
-
-  private:
-    EventRecorder& recorder_;
-    std::optional<int> defaultDevice_;
-    std::weak_ptr<QVDeviceObserver> observer_;
-    std::vector<std::shared_ptr<QVDevice>> devices_;
 };
 
 // Every process-wide seam the run replaces, put back when the run ends however it ends.
