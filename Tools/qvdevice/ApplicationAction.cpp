@@ -4,34 +4,15 @@
 #include <cmath>
 #include <limits>
 
+#include "ScenarioFields.h"
 #include "SimulationScenario.h"
 
 namespace qvdevice {
 
 namespace {
 
-bool fail(std::string* error, const std::string& where, const std::string& message) {
-    if (error != nullptr) {
-        *error = where + ": " + message;
-    }
-    return false;
-}
-
 bool isApplicationEvent(const qv::Json& event) {
     return event.is_object() && event.contains("app");
-}
-
-bool readAt(const qv::Json& json, const std::string& where, double& out, std::string* error) {
-    if (!json.is_number()) {
-        return fail(error, where, "must be a number of seconds");
-    }
-    out = json.get<double>();
-    if (!std::isfinite(out) || out < 0.0 || out > kMaxVirtualSeconds) {
-        return fail(error, where,
-                    "must be between 0 and " +
-                        std::to_string(static_cast<long long>(kMaxVirtualSeconds)) + " seconds");
-    }
-    return true;
 }
 
 bool readPlainAction(const std::string& name, const std::string& where, ApplicationAction& action,
@@ -45,24 +26,24 @@ bool readPlainAction(const std::string& name, const std::string& where, Applicat
     } else if (name == "startQueue") {
         action.kind = ApplicationAction::Kind::StartQueue;
     } else {
-        return fail(error, where, "unknown application action \"" + name + "\"");
+        return failAt(error, where, "unknown application action \"" + name + "\"");
     }
     return true;
 }
 
 bool readRules(const qv::Json& json, const std::string& where, qv::Value& out, std::string* error) {
     if (!json.is_array()) {
-        return fail(error, where, "must be an array of dictionaries");
+        return failAt(error, where, "must be an array of dictionaries");
     }
     for (std::size_t i = 0; i < json.size(); ++i) {
         if (!json[i].is_object()) {
-            return fail(error, where + "[" + std::to_string(i) + "]", "must be a dictionary");
+            return failAt(error, where + "[" + std::to_string(i) + "]", "must be a dictionary");
         }
     }
     std::string message;
     auto rules = qv::valueFromJson(json, where, &message);
     if (!rules) {
-        return fail(error, where, message);
+        return failAt(error, where, message);
     }
     out = std::move(*rules);
     return true;
@@ -71,7 +52,7 @@ bool readRules(const qv::Json& json, const std::string& where, qv::Value& out, s
 bool readActionWithArgument(const qv::Json& json, const std::string& where,
                             ApplicationAction& action, std::string* error) {
     if (json.size() != 1) {
-        return fail(error, where, "must name one action");
+        return failAt(error, where, "must name one action");
     }
     const auto only = json.begin();
     const std::string name = only.key();
@@ -79,11 +60,11 @@ bool readActionWithArgument(const qv::Json& json, const std::string& where,
     const std::string place = where + "." + name;
     if (name == "setDefaultDevice") {
         if (!value.is_number_integer()) {
-            return fail(error, place, "must be an integer");
+            return failAt(error, place, "must be an integer");
         }
         const long long index = value.get<long long>();
         if (index < std::numeric_limits<int>::min() || index > std::numeric_limits<int>::max()) {
-            return fail(error, place, "is out of range");
+            return failAt(error, place, "is out of range");
         }
         action.kind = ApplicationAction::Kind::SetDefaultDevice;
         action.index = static_cast<int>(index);
@@ -95,13 +76,13 @@ bool readActionWithArgument(const qv::Json& json, const std::string& where,
     }
     if (name == "setAutorepeatNetInfo") {
         if (!value.is_boolean()) {
-            return fail(error, place, "must be true or false");
+            return failAt(error, place, "must be true or false");
         }
         action.kind = ApplicationAction::Kind::SetAutorepeatNetInfo;
         action.flag = value.get<bool>();
         return true;
     }
-    return fail(error, where, "unknown application action \"" + name + "\"");
+    return failAt(error, where, "unknown application action \"" + name + "\"");
 }
 
 bool readAction(const qv::Json& event, const std::string& where, ApplicationAction& action,
@@ -110,7 +91,7 @@ bool readAction(const qv::Json& event, const std::string& where, ApplicationActi
     bool hasAt = false;
     for (const auto& [key, value] : event.items()) {
         if (key == "at") {
-            if (!readAt(value, where + ".at", action.at, error)) {
+            if (!readScenarioSeconds(value, where + ".at", action.at, error)) {
                 return false;
             }
             hasAt = true;
@@ -125,14 +106,14 @@ bool readAction(const qv::Json& event, const std::string& where, ApplicationActi
                     return false;
                 }
             } else {
-                return fail(error, place, "must be an action name or a one-key object");
+                return failAt(error, place, "must be an action name or a one-key object");
             }
         } else {
-            return fail(error, where, "unknown key \"" + key + "\" beside \"app\"");
+            return failAt(error, where, "unknown key \"" + key + "\" beside \"app\"");
         }
     }
     if (!hasAt) {
-        return fail(error, where, "has no \"at\"");
+        return failAt(error, where, "has no \"at\"");
     }
     return true;
 }

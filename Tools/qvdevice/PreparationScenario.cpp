@@ -4,33 +4,16 @@
 #include <cmath>
 #include <limits>
 
+#include "ScenarioFields.h"
 #include "SimulationScenario.h"
 
 namespace qvdevice {
 
 namespace {
 
-bool fail(std::string* error, const std::string& where, const std::string& message) {
-    if (error != nullptr) {
-        *error = where + ": " + message;
-    }
-    return false;
-}
-
-bool readSeconds(const qv::Json& json, const std::string& where, double* out, std::string* error) {
-    if (!json.is_number() || !std::isfinite(json.get<double>()) || json.get<double>() < 0.0 ||
-        json.get<double>() > kMaxVirtualSeconds) {
-        return fail(error, where,
-                    "must be a number of seconds between 0 and " +
-                        std::to_string(static_cast<long long>(kMaxVirtualSeconds)));
-    }
-    *out = json.get<double>();
-    return true;
-}
-
 bool readID(const qv::Json& json, const std::string& where, std::int32_t* out, std::string* error) {
     if (!json.is_number_integer() || json.get<long long>() < 0 || json.get<long long>() > 0xFFFF) {
-        return fail(error, where, "must be a USB ID from 0 to 65535");
+        return failAt(error, where, "must be a USB ID from 0 to 65535");
     }
     *out = static_cast<std::int32_t>(json.get<long long>());
     return true;
@@ -39,7 +22,7 @@ bool readID(const qv::Json& json, const std::string& where, std::int32_t* out, s
 bool readDiskName(const qv::Json& json, const std::string& where, std::string* out,
                   std::string* error) {
     if (!json.is_string() || !PreparationScenario::isDiskName(json.get<std::string>())) {
-        return fail(error, where, "must be a kernel disk name such as \"sdb1\" or \"sr0\"");
+        return failAt(error, where, "must be a kernel disk name such as \"sdb1\" or \"sr0\"");
     }
     *out = json.get<std::string>();
     return true;
@@ -50,7 +33,7 @@ bool readMountPoint(const qv::Json& json, const std::string& where, std::string*
     if (!json.is_string() || json.get_ref<const std::string&>().empty() ||
         json.get_ref<const std::string&>().front() != '/' ||
         json.get_ref<const std::string&>().find('\0') != std::string::npos) {
-        return fail(error, where, "must be an absolute path");
+        return failAt(error, where, "must be an absolute path");
     }
     *out = json.get<std::string>();
     return true;
@@ -71,11 +54,11 @@ bool readEntry(const qv::Json& json, const std::string& where, qv::ScriptedTimel
                 message = message.substr(2);
             }
         }
-        return fail(error, where, message);
+        return failAt(error, where, message);
     }
     *out = parsed->events().front().entry;
     if (out->className != "IOUSBDevice") {
-        return fail(error, where, "must be an IOUSBDevice entry");
+        return failAt(error, where, "must be an IOUSBDevice entry");
     }
     return true;
 }
@@ -83,7 +66,7 @@ bool readEntry(const qv::Json& json, const std::string& where, qv::ScriptedTimel
 bool readModeSwitch(const qv::Json& json, const std::string& where,
                     PreparationScenario::ModeSwitch* out, std::string* error) {
     if (!json.is_object()) {
-        return fail(error, where, "must be an object with vendor, product, after and becomes");
+        return failAt(error, where, "must be an object with vendor, product, after and becomes");
     }
     bool haveVendor = false;
     bool haveProduct = false;
@@ -99,18 +82,18 @@ bool readModeSwitch(const qv::Json& json, const std::string& where,
             if (!haveProduct)
                 return false;
         } else if (key == "after") {
-            if (!readSeconds(value, place, &out->after, error))
+            if (!readScenarioSeconds(value, place, out->after, error))
                 return false;
         } else if (key == "becomes") {
             haveBecomes = readEntry(value, place, &out->becomes, error);
             if (!haveBecomes)
                 return false;
         } else {
-            return fail(error, where, "unknown key \"" + key + "\"");
+            return failAt(error, where, "unknown key \"" + key + "\"");
         }
     }
     if (!haveVendor || !haveProduct || !haveBecomes) {
-        return fail(error, where, "needs vendor, product and becomes");
+        return failAt(error, where, "needs vendor, product and becomes");
     }
     return true;
 }
@@ -134,17 +117,17 @@ bool PreparationScenario::readOption(const std::string& key, const qv::Json& val
     *bad = true;
     if (key == "enabler") {
         if (!value.is_object()) {
-            fail(error, where, "must be an object such as {\"ejectSecondaryDisk\": false}");
+            failAt(error, where, "must be an object such as {\"ejectSecondaryDisk\": false}");
             return true;
         }
         bool eject = false;
         for (const auto& [name, flag] : value.items()) {
             if (name != "ejectSecondaryDisk") {
-                fail(error, where, "unknown key \"" + name + "\"");
+                failAt(error, where, "unknown key \"" + name + "\"");
                 return true;
             }
             if (!flag.is_boolean()) {
-                fail(error, where + "." + name, "must be true or false");
+                failAt(error, where + "." + name, "must be true or false");
                 return true;
             }
             eject = flag.get<bool>();
@@ -152,7 +135,7 @@ bool PreparationScenario::readOption(const std::string& key, const qv::Json& val
         enablerEjectsSecondaryDisk = eject;
     } else if (key == "mounts") {
         if (!value.is_object()) {
-            fail(error, where, "must be an object of kernel disk names and mount points");
+            failAt(error, where, "must be an object of kernel disk names and mount points");
             return true;
         }
         for (const auto& [name, path] : value.items()) {
@@ -166,7 +149,7 @@ bool PreparationScenario::readOption(const std::string& key, const qv::Json& val
         }
     } else if (key == "modeSwitches") {
         if (!value.is_array()) {
-            fail(error, where, "must be an array of mode switches");
+            failAt(error, where, "must be an array of mode switches");
             return true;
         }
         for (std::size_t i = 0; i < value.size(); ++i) {
@@ -193,10 +176,10 @@ bool PreparationScenario::readMountEvent(const qv::Json& event, const std::strin
                                          std::string* error) {
     MountEvent mountEvent;
     if (event.size() != 2 || !event.contains("at")) {
-        fail(error, where, "a mount event has \"at\" and one of \"mount\" or \"unmount\"");
+        failAt(error, where, "a mount event has \"at\" and one of \"mount\" or \"unmount\"");
         return false;
     }
-    if (!readSeconds(event["at"], where + ".at", &mountEvent.at, error)) {
+    if (!readScenarioSeconds(event["at"], where + ".at", mountEvent.at, error)) {
         return false;
     }
     if (event.contains("unmount")) {
@@ -208,7 +191,7 @@ bool PreparationScenario::readMountEvent(const qv::Json& event, const std::strin
         const qv::Json& mount = event["mount"];
         if (!mount.is_object() || mount.size() != 2 || !mount.contains("disk") ||
             !mount.contains("path")) {
-            fail(error, where + ".mount", "must be {\"disk\": NAME, \"path\": PATH}");
+            failAt(error, where + ".mount", "must be {\"disk\": NAME, \"path\": PATH}");
             return false;
         }
         if (!readDiskName(mount["disk"], where + ".mount.disk", &mountEvent.disk, error) ||

@@ -3,22 +3,17 @@
 #include <cmath>
 #include <limits>
 
+#include "ScenarioFields.h"
+
 namespace qvdevice {
 
 namespace {
 
 constexpr std::size_t kMaxScenarioFileSize = 64u << 20;
 
-bool fail(std::string* error, const std::string& where, const std::string& message) {
-    if (error != nullptr) {
-        *error = where + ": " + message;
-    }
-    return false;
-}
-
 bool readBool(const qv::Json& json, const std::string& where, bool& out, std::string* error) {
     if (!json.is_boolean()) {
-        return fail(error, where, "must be true or false");
+        return failAt(error, where, "must be true or false");
     }
     out = json.get<bool>();
     return true;
@@ -27,7 +22,7 @@ bool readBool(const qv::Json& json, const std::string& where, bool& out, std::st
 bool readString(const qv::Json& json, const std::string& where, std::string& out,
                 std::string* error) {
     if (!json.is_string() || json.get_ref<const std::string&>().empty()) {
-        return fail(error, where, "must be a non-empty string");
+        return failAt(error, where, "must be a non-empty string");
     }
     out = json.get<std::string>();
     return true;
@@ -35,32 +30,19 @@ bool readString(const qv::Json& json, const std::string& where, std::string& out
 
 bool readInt(const qv::Json& json, const std::string& where, int& out, std::string* error) {
     if (!json.is_number_integer()) {
-        return fail(error, where, "must be an integer");
+        return failAt(error, where, "must be an integer");
     }
     long long value = json.get<long long>();
     if (value < std::numeric_limits<int>::min() || value > std::numeric_limits<int>::max()) {
-        return fail(error, where, "is out of range");
+        return failAt(error, where, "is out of range");
     }
     out = static_cast<int>(value);
     return true;
 }
 
-bool readSeconds(const qv::Json& json, const std::string& where, double& out, std::string* error) {
-    if (!json.is_number()) {
-        return fail(error, where, "must be a number of seconds");
-    }
-    out = json.get<double>();
-    if (!std::isfinite(out) || out < 0.0 || out > kMaxVirtualSeconds) {
-        return fail(error, where,
-                    "must be between 0 and " +
-                        std::to_string(static_cast<long long>(kMaxVirtualSeconds)) + " seconds");
-    }
-    return true;
-}
-
 bool readOptions(const qv::Json& json, SimulationOptions& options, std::string* error) {
     if (!json.is_object()) {
-        return fail(error, "options", "must be an object");
+        return failAt(error, "options", "must be an object");
     }
     for (const auto& [key, value] : json.items()) {
         const std::string where = "options." + key;
@@ -71,17 +53,17 @@ bool readOptions(const qv::Json& json, SimulationOptions& options, std::string* 
             options.database = path;
         } else if (key == "rules") {
             if (!value.is_array())
-                return fail(error, where, "must be an array of dictionaries");
+                return failAt(error, where, "must be an array of dictionaries");
             for (std::size_t i = 0; i < value.size(); ++i) {
                 if (!value[i].is_object()) {
-                    return fail(error, where + "[" + std::to_string(i) + "]",
-                                "must be a dictionary");
+                    return failAt(error, where + "[" + std::to_string(i) + "]",
+                                  "must be a dictionary");
                 }
             }
             std::string message;
             auto rules = qv::valueFromJson(value, where, &message);
             if (!rules)
-                return fail(error, where, message);
+                return failAt(error, where, message);
             options.rules = std::move(*rules);
         } else if (key == "rulesFile") {
             std::string path;
@@ -93,7 +75,7 @@ bool readOptions(const qv::Json& json, SimulationOptions& options, std::string* 
             if (!readString(value, where, kind, error))
                 return false;
             if (kind != "standard" && kind != "generic") {
-                return fail(error, where, "must be \"standard\" or \"generic\"");
+                return failAt(error, where, "must be \"standard\" or \"generic\"");
             }
             options.genericMonitor = kind == "generic";
         } else if (key == "systemVersion") {
@@ -119,7 +101,7 @@ bool readOptions(const qv::Json& json, SimulationOptions& options, std::string* 
             options.autorepeatNetInfo = flag;
         } else if (key == "runningApplications") {
             if (!value.is_array())
-                return fail(error, where, "must be an array of strings");
+                return failAt(error, where, "must be an array of strings");
             for (std::size_t i = 0; i < value.size(); ++i) {
                 std::string id;
                 if (!readString(value[i], where + "[" + std::to_string(i) + "]", id, error)) {
@@ -129,18 +111,18 @@ bool readOptions(const qv::Json& json, SimulationOptions& options, std::string* 
             }
         } else if (key == "until") {
             double until = 0.0;
-            if (!readSeconds(value, where, until, error))
+            if (!readScenarioSeconds(value, where, until, error))
                 return false;
             options.until = until;
         } else if (bool bad = false; options.preparation.readOption(key, value, error, &bad)) {
             if (bad)
                 return false;
         } else {
-            return fail(error, "options", "unknown key \"" + key + "\"");
+            return failAt(error, "options", "unknown key \"" + key + "\"");
         }
     }
     if (options.rules && options.rulesFile) {
-        return fail(error, "options", "give either \"rules\" or \"rulesFile\", not both");
+        return failAt(error, "options", "give either \"rules\" or \"rulesFile\", not both");
     }
     return true;
 }
@@ -150,7 +132,7 @@ bool readOptions(const qv::Json& json, SimulationOptions& options, std::string* 
 std::optional<SimulationScenario> SimulationScenario::fromJson(const qv::Json& json,
                                                                std::string* error) {
     if (!json.is_object()) {
-        fail(error, "scenario", "must be an object with \"timeline\"");
+        failAt(error, "scenario", "must be an object with \"timeline\"");
         return std::nullopt;
     }
     SimulationScenario scenario;
@@ -167,23 +149,23 @@ std::optional<SimulationScenario> SimulationScenario::fromJson(const qv::Json& j
             hasTimeline = true;
         } else if (key == "modems") {
             if (!value.is_object()) {
-                fail(error, "modems", "must be an object keyed by port path");
+                failAt(error, "modems", "must be an object keyed by port path");
                 return std::nullopt;
             }
             std::string message;
             auto modems = qv::valueFromJson(value, "modems", &message);
             if (!modems) {
-                fail(error, "modems", message);
+                failAt(error, "modems", message);
                 return std::nullopt;
             }
             scenario.modems = std::move(*modems);
         } else {
-            fail(error, "scenario", "unknown key \"" + key + "\"");
+            failAt(error, "scenario", "unknown key \"" + key + "\"");
             return std::nullopt;
         }
     }
     if (!hasTimeline) {
-        fail(error, "scenario", "has no \"timeline\"");
+        failAt(error, "scenario", "has no \"timeline\"");
         return std::nullopt;
     }
     return scenario;
