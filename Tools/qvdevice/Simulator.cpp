@@ -111,7 +111,8 @@ std::optional<qv::Value> loadRules(const SimulationOptions& options, std::string
         return *options.rules;
     }
     if (!options.rulesFile) {
-        return qv::Value();
+        // Made in place: moving a nil temporary in trips GCC 12's maybe-uninitialized at -O1.
+        return std::make_optional<qv::Value>();
     }
     qv::setNamedLogSink([](const std::string&, const std::string&) {});
     qv::Value rules = QVDeviceFilter::tryToGetPropertyListFromContentsOfFile(*options.rulesFile);
