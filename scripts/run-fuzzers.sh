@@ -3,7 +3,8 @@
 # leak, sanitizer report or time-out. Usage: scripts/run-fuzzers.sh BUILD_DIR [SECONDS_EACH]
 # Seeds come from Fuzz/corpus/<name without "fuzz_">/ and are only read, tokens from
 # Fuzz/dictionaries/<name without "fuzz_">.dict where there is one; new inputs and crash
-# artifacts go into BUILD_DIR/fuzz-corpus and BUILD_DIR/fuzz-artifacts.
+# artifacts go into BUILD_DIR/fuzz-corpus and BUILD_DIR/fuzz-artifacts. Targets run side by side,
+# one per core (FUZZ_JOBS overrides), each for its full time.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${1:?usage: run-fuzzers.sh BUILD_DIR [SECONDS_EACH]}
@@ -15,14 +16,16 @@ if ((${#fuzzers[@]} == 0)); then
   exit 1
 fi
 
-for fuzzer in "${fuzzers[@]}"; do
+jobs=${FUZZ_JOBS:-$(nproc 2>/dev/null || echo 2)}
+
+run_one() {
+  local fuzzer=$1 name corpus artifacts
   name=$(basename "$fuzzer")
   corpus="$build_dir/fuzz-corpus/$name"
   artifacts="$build_dir/fuzz-artifacts/$name"
   mkdir -p "$corpus" "$artifacts"
-  seeds=()
+  local seeds=() options=()
   [[ -d "$root/Fuzz/corpus/${name#fuzz_}" ]] && seeds=("$root/Fuzz/corpus/${name#fuzz_}")
-  options=()
   [[ -f "$root/Fuzz/dictionaries/${name#fuzz_}.dict" ]] &&
     options=(-dict="$root/Fuzz/dictionaries/${name#fuzz_}.dict")
   echo "-- $name (${seconds}s)"
@@ -31,7 +34,23 @@ for fuzzer in "${fuzzers[@]}"; do
        >"$build_dir/fuzz-$name.log" 2>&1; then
     tail -n 60 "$build_dir/fuzz-$name.log"
     echo "$name failed; the input is in $artifacts/" >&2
-    exit 1
+    return 1
   fi
-  grep -E '^stat::number_of_executed_units' "$build_dir/fuzz-$name.log" || true
+  echo "$name: $(grep -E '^stat::number_of_executed_units' "$build_dir/fuzz-$name.log" || true)"
+}
+
+failed=0
+running=0
+for fuzzer in "${fuzzers[@]}"; do
+  run_one "$fuzzer" &
+  running=$((running + 1))
+  if ((running >= jobs)); then
+    wait -n || failed=1
+    running=$((running - 1))
+  fi
 done
+while ((running > 0)); do
+  wait -n || failed=1
+  running=$((running - 1))
+done
+exit "$failed"

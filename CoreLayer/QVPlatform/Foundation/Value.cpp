@@ -76,6 +76,11 @@ bool Dictionary::erase(std::string_view key) {
     return true;
 }
 
+// Out of line: Value is still incomplete where Dictionary is declared.
+void Dictionary::reserve(std::size_t count) {
+    entries_.reserve(count);
+}
+
 void Dictionary::clear() {
     entries_.clear();
     index_.clear();

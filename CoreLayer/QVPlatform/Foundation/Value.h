@@ -46,7 +46,7 @@ class Dictionary {
     bool erase(std::string_view key);
     void clear();
     // Room for `count` entries, for a dictionary about to be filled.
-    void reserve(std::size_t count) { entries_.reserve(count); }
+    void reserve(std::size_t count);
     std::size_t size() const;
     bool empty() const;
 
