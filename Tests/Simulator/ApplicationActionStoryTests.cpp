@@ -13,14 +13,8 @@ using qvtest::StoryBuilder;
 
 namespace {
 
-StickSpec e1750() {
-    StickSpec stick;
-    stick.id = "stick";
-    stick.vendorID = 0x12D1;
-    stick.productID = 0x1406;
-    stick.locationID = 0x1A100000;
-    stick.productName = "HUAWEI Mobile";
-    stick.ttys = {"ttyUSB0", "ttyUSB1", "ttyUSB2"};
+StickSpec e1750(const std::string& id = "stick", long long location = 0x1A100000) {
+    StickSpec stick = qvtest::huaweiE1750(id, location);
     stick.cdrom = "sr0";
     return stick;
 }

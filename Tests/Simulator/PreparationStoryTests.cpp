@@ -29,17 +29,6 @@ StickSpec storageStick(int vendor, int product, const std::string& cd = "sr0",
     return stick;
 }
 
-// Huawei E1750 in modem mode: in the table, three ports.
-StickSpec e1750() {
-    StickSpec stick;
-    stick.id = "modem";
-    stick.vendorID = 0x12D1;
-    stick.productID = 0x1406;
-    stick.productName = "HUAWEI Mobile";
-    stick.ttys = {"ttyUSB0", "ttyUSB1", "ttyUSB2"};
-    return stick;
-}
-
 qv::Json entryOf(const StickSpec& stick) {
     return StoryBuilder().plug(0.0, stick).json()["timeline"][0]["add"]["entry"];
 }
@@ -127,7 +116,9 @@ TEST(PreparationStory, HuaweiQuickStartStickRunsTheToolAndBecomesAvailable) {
             .plug(1.0, storageStick(0x12D1, 0x1F15))
             .option("enabler", {{"ejectSecondaryDisk", true}})
             .option("mounts", {{"sr0", "/media/HUAWEI"}})
-            .option("modeSwitches", qv::Json::array({modeSwitch(0x12D1, 0x1F15, 4.0, e1750())}))
+            .option(
+                "modeSwitches",
+                qv::Json::array({modeSwitch(0x12D1, 0x1F15, 4.0, qvtest::huaweiE1750("modem"))}))
             .json();
     auto result = play(scenario, 40.0);
     ASSERT_TRUE(result.ok) << result.error;
@@ -163,7 +154,7 @@ TEST(PreparationStory, OptionStickIsReEnumeratedWithoutPortsAndPrintsTheWalk) {
     StickSpec withPorts = storageStick(0x0AF0, 0x7501, "sr1", 0x1B100000);
     withPorts.id = "ported";
     withPorts.ttys = {"ttyHS0"};
-    StickSpec modem = e1750();
+    StickSpec modem = qvtest::huaweiE1750("modem");
     modem.vendorID = 0x0AF0;
     modem.productID = 0x7211;
     qv::Json scenario =

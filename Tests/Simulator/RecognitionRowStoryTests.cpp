@@ -13,17 +13,6 @@ using qvtest::StoryBuilder;
 
 namespace {
 
-StickSpec e1750(const std::string& id = "stick", long long location = 0x1A100000) {
-    StickSpec stick;
-    stick.id = id;
-    stick.vendorID = 0x12D1;
-    stick.productID = 0x1406;
-    stick.locationID = location;
-    stick.productName = "HUAWEI Mobile";
-    stick.ttys = {"ttyUSB0", "ttyUSB1", "ttyUSB2"};
-    return stick;
-}
-
 qv::Json modelAnswer(const std::string& model) {
     return {{"modelInfo", {{"pmn", model}, {"manSpecificNumber", "GT"}, {"model", model}}}};
 }
@@ -50,7 +39,7 @@ TEST(RecognitionRowStory, RulesRenameFromTheirNameOrFromTheModemsModel) {
     // A plain name from the rule.
     auto named =
         StoryBuilder()
-            .plug(1.0, e1750())
+            .plug(1.0, qvtest::huaweiE1750())
             .option("rules",
                     qv::Json::array({{{"QuorvelID", 320}, {"DeviceName", "Office Stick"}}}))
             .run(10.0);
@@ -58,10 +47,10 @@ TEST(RecognitionRowStory, RulesRenameFromTheirNameOrFromTheModemsModel) {
 
     // CGMM asked: the first stick's modem answers with its model, the second's does not and the
     // rule's name stands in.
-    StickSpec quiet = e1750("quiet", 0x1A200000);
+    StickSpec quiet = qvtest::huaweiE1750("quiet", 0x1A200000);
     quiet.ttys = {"ttyUSB3", "ttyUSB4", "ttyUSB5"};
     StoryBuilder cgmm;
-    cgmm.plug(1.0, e1750())
+    cgmm.plug(1.0, qvtest::huaweiE1750())
         .plug(5.0, quiet)
         .option("rules", qv::Json::array({{{"QuorvelID", 320},
                                            {"DeviceName", "Fallback"},
@@ -74,7 +63,7 @@ TEST(RecognitionRowStory, RulesRenameFromTheirNameOrFromTheModemsModel) {
     EXPECT_FALSE(eventsOf(asked, "gsm").empty());
 
     // Without a rule for the model the table's product name stays.
-    auto unnamed = StoryBuilder().plug(1.0, e1750()).run(10.0);
+    auto unnamed = StoryBuilder().plug(1.0, qvtest::huaweiE1750()).run(10.0);
     ASSERT_EQ(announcedNames(unnamed).size(), 1u);
     EXPECT_NE(announcedNames(unnamed)[0], "Fallback");
 }
@@ -82,7 +71,7 @@ TEST(RecognitionRowStory, RulesRenameFromTheirNameOrFromTheModemsModel) {
 TEST(RecognitionRowStory, GenericRecogniserReportsANoRuleDeviceThreeTimesAndARefusedOneToo) {
     // Rules only for a ZTE model: the E1750 has no rule, neither as itself nor as a Huawei.
     auto noRule = StoryBuilder()
-                      .plug(1.0, e1750())
+                      .plug(1.0, qvtest::huaweiE1750())
                       .option("monitor", "generic")
                       .option("rules", qv::Json::array({{{"QuorvelID", 15412}}}))
                       .run(10.0);
@@ -98,7 +87,7 @@ TEST(RecognitionRowStory, GenericRecogniserReportsANoRuleDeviceThreeTimesAndARef
 
     // The Huawei family refused by the rules: the generic attempt's code-3 branch.
     auto refused = StoryBuilder()
-                       .plug(1.0, e1750())
+                       .plug(1.0, qvtest::huaweiE1750())
                        .option("monitor", "generic")
                        .option("rules", qv::Json::array({{{"QuorvelID", 15355}, {"Allowed", 0}}}))
                        .run(10.0);
@@ -112,7 +101,7 @@ TEST(RecognitionRowStory, GenericRecogniserReportsANoRuleDeviceThreeTimesAndARef
 
 TEST(RecognitionRowStory, TimeoutAndDriverRequestLinesReadAsTheyAlwaysHave) {
     // A listed stick whose ports never appear, on the standard monitor: the time-out line.
-    auto bare = StoryBuilder().plugBare(1.0, e1750()).run(40.0);
+    auto bare = StoryBuilder().plugBare(1.0, qvtest::huaweiE1750()).run(40.0);
     EXPECT_EQ(countLogPrefix(bare, "Timout trying to recognize device: "), 1u);
     EXPECT_TRUE(hasLogLine(bare, "Dumping Device for analysis..."));
     EXPECT_TRUE(hasLogLine(bare, "Starting Identifier"));
@@ -120,7 +109,7 @@ TEST(RecognitionRowStory, TimeoutAndDriverRequestLinesReadAsTheyAlwaysHave) {
     EXPECT_FALSE(hasLogPrefix(bare, "Timeout handling device: "));
 
     // An unlisted Huawei without ports on the generic monitor, driver requests allowed.
-    StickSpec unlisted = e1750();
+    StickSpec unlisted = qvtest::huaweiE1750();
     unlisted.productID = 0x15FF;
     auto request =
         StoryBuilder()

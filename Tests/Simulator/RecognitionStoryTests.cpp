@@ -14,13 +14,7 @@ namespace {
 
 // Huawei E1750 in the table: Quorvel ID 320, one second of power-up delay.
 StickSpec e1750(const std::string& id = "stick", long long location = 0x1A100000) {
-    StickSpec stick;
-    stick.id = id;
-    stick.vendorID = 0x12D1;
-    stick.productID = 0x1406;
-    stick.locationID = location;
-    stick.productName = "HUAWEI Mobile";
-    stick.ttys = {"ttyUSB0", "ttyUSB1", "ttyUSB2"};
+    StickSpec stick = qvtest::huaweiE1750(id, location);
     stick.cdrom = "sr0";
     return stick;
 }

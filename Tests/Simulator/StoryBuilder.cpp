@@ -54,6 +54,17 @@ qv::Json deviceEntry(const StickSpec& stick, bool withChildren) {
 
 }  // namespace
 
+StickSpec huaweiE1750(const std::string& id, long long location) {
+    StickSpec stick;
+    stick.id = id;
+    stick.vendorID = 0x12D1;
+    stick.productID = 0x1406;
+    stick.locationID = location;
+    stick.productName = "HUAWEI Mobile";
+    stick.ttys = {"ttyUSB0", "ttyUSB1", "ttyUSB2"};
+    return stick;
+}
+
 StoryBuilder::StoryBuilder() {
     scenario_ = {{"options", {{"database", testDatabasePath()}}}, {"timeline", qv::Json::array()}};
 }

@@ -23,6 +23,9 @@ struct StickSpec {
     std::optional<std::string> network;
 };
 
+// A Huawei E1750 in modem mode: in the built-in table (Quorvel ID 320), three ports, no disk.
+StickSpec huaweiE1750(const std::string& id = "stick", long long location = 0x1A100000);
+
 class StoryBuilder {
   public:
     StoryBuilder();
