@@ -81,7 +81,7 @@ TEST(ApplicationActionStory, AStopEndsAllWorkAndAStartBeginsAgain) {
     std::vector<std::string> between;
     for (const auto& event : workAfter(result, 3.5)) {
         if (event.t < 60.0 && event.fields.value("message", "") != "QVDeviceMonitor: teardown") {
-            between.push_back(event.toJson().dump());
+            between.push_back(event.jsonLine());
         }
     }
     EXPECT_TRUE(between.empty()) << between.front();
@@ -104,9 +104,9 @@ TEST(ApplicationActionStory, PollingUnderWayEndsWithTheStop) {
     ASSERT_GE(polls.size(), 2u) << "polling ran before the stop";
     EXPECT_DOUBLE_EQ(firstTime(result, "gsm", "startGroundInitEx"), 3.0);
     for (const auto& event : workAfter(result, 20.0)) {
-        EXPECT_NE(event.kind, "gsm") << event.toJson().dump();
-        EXPECT_NE(event.kind, "application") << event.toJson().dump();
-        EXPECT_NE(event.kind, "exec") << event.toJson().dump();
+        EXPECT_NE(event.kind, "gsm") << event.jsonLine();
+        EXPECT_NE(event.kind, "application") << event.jsonLine();
+        EXPECT_NE(event.kind, "exec") << event.jsonLine();
     }
 }
 
@@ -138,7 +138,7 @@ TEST(ApplicationActionStory, RulesDefaultDeviceAndAutorepeatActAtTheirTime) {
              40.0);
     const auto available = eventsOf(result, "application", "noteDeviceBecameAvailable:");
     ASSERT_EQ(available.size(), 1u) << "only the stick plugged after the rules changed";
-    EXPECT_EQ(available[0].fields["device"]["_locationID"], 0x1A200000);
+    EXPECT_EQ(available[0].device()["_locationID"], 0x1A200000);
     // Ground initialisation and one network query on the only device, then no repeat.
     const auto groundInits = eventsOf(result, "gsm", "startGroundInitEx");
     ASSERT_EQ(groundInits.size(), 1u);

@@ -91,7 +91,7 @@ TEST(RandomizedStory, PlugAndUnplugInvariantsHold) {
             const std::string call = event.fields.value("call", "");
             if (call != "noteDeviceBecameAvailable:" && call != "noteDeviceBecameMissing:")
                 continue;
-            long long location = event.fields["device"].value("_locationID", -1LL);
+            long long location = event.device().value("_locationID", -1LL);
             if (call == "noteDeviceBecameAvailable:") {
                 EXPECT_FALSE(announced[location])
                     << "seed " << seed << ": announced twice at " << event.t;

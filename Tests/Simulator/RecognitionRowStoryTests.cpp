@@ -20,7 +20,7 @@ qv::Json modelAnswer(const std::string& model) {
 std::vector<std::string> announcedNames(const qvdevice::SimulationResult& result) {
     std::vector<std::string> names;
     for (const auto& event : eventsOf(result, "application", "noteDeviceBecameAvailable:")) {
-        names.push_back(event.fields["device"].value("_productName", ""));
+        names.push_back(event.device().value("_productName", ""));
     }
     return names;
 }
@@ -77,9 +77,9 @@ TEST(RecognitionRowStory, GenericRecogniserReportsANoRuleDeviceThreeTimesAndARef
                       .run(10.0);
     const auto reports = eventsOf(noRule, "monitor", "noteCouldNotIdentifyDevice:");
     ASSERT_EQ(reports.size(), 3u);
-    EXPECT_EQ(reports[0].fields["device"]["_quorvelID"], 320);    // the standard attempt
-    EXPECT_EQ(reports[1].fields["device"]["_quorvelID"], 15355);  // inside the generic one
-    EXPECT_EQ(reports[2].fields["device"]["_quorvelID"], 320);    // the bare record
+    EXPECT_EQ(reports[0].device()["_quorvelID"], 320);    // the standard attempt
+    EXPECT_EQ(reports[1].device()["_quorvelID"], 15355);  // inside the generic one
+    EXPECT_EQ(reports[2].device()["_quorvelID"], 320);    // the bare record
     EXPECT_EQ(countLogPrefix(noRule, "Device is recognized but no rule could be found for it"), 2u);
     EXPECT_EQ(countLogPrefix(noRule, "Try to recognize generic device: "), 1u);
     EXPECT_TRUE(hasLogLine(noRule, "Generic device could not be recognized"));

@@ -56,7 +56,7 @@ TEST(RecognitionStory, AllowedStickIsAnnouncedEjectedInitialisedPolledAndReporte
     auto available = eventsOf(result, "monitor", "noteDeviceBecameAvailable:");
     ASSERT_EQ(available.size(), 1u);
     EXPECT_DOUBLE_EQ(available[0].t, 2.0);
-    const qv::Json& device = available[0].fields["device"];
+    const qv::Json& device = available[0].device();
     EXPECT_EQ(device["_quorvelID"], 320);
     EXPECT_EQ(device["_vendorID"], 0x12D1);
     EXPECT_EQ(interfacePaths(device),
@@ -183,7 +183,7 @@ TEST(RecognitionStory, WaitsForPortsAndPowerUpAndTimesOutJustAfterThirtySeconds)
                         .run(10.0);
     auto identified = eventsOf(answered, "monitor", "noteDeviceBecameAvailable:");
     ASSERT_EQ(identified.size(), 1u);
-    EXPECT_EQ(identified[0].fields["device"]["_quorvelID"], 310);
+    EXPECT_EQ(identified[0].device()["_quorvelID"], 310);
     // The two seconds of delay are counted from arrival: the first attempt at 2 s waits to 3 s.
     EXPECT_DOUBLE_EQ(identified[0].t, 3.0);
 }
@@ -196,7 +196,7 @@ TEST(RecognitionStory, GenericRecognitionTakesUnlistedProductsOfKnownMakers) {
     EXPECT_TRUE(qvtest::hasLogPrefix(generic, "Standard recognition timed out: "));
     auto announced = eventsOf(generic, "monitor", "noteDeviceBecameAvailable:");
     ASSERT_EQ(announced.size(), 1u);
-    EXPECT_EQ(announced[0].fields["device"]["_quorvelID"], 15355);
+    EXPECT_EQ(announced[0].device()["_quorvelID"], 15355);
     EXPECT_DOUBLE_EQ(announced[0].t, 32.0);
     // Huawei devices go to the ejector as soon as the generic attempt looks at them.
     EXPECT_FALSE(eventsOf(generic, "exec").empty());
@@ -209,7 +209,7 @@ TEST(RecognitionStory, GenericRecognitionTakesUnlistedProductsOfKnownMakers) {
     auto optionRun = StoryBuilder().plug(1.0, option).option("monitor", "generic").run(40.0);
     auto optionAnnounced = eventsOf(optionRun, "monitor", "noteDeviceBecameAvailable:");
     ASSERT_EQ(optionAnnounced.size(), 1u);
-    EXPECT_EQ(optionAnnounced[0].fields["device"]["_quorvelID"], 15354);
+    EXPECT_EQ(optionAnnounced[0].device()["_quorvelID"], 15354);
     bool inGenericAttempt = false;
     for (const auto& event : optionRun.events) {
         if (event.kind == "log" && event.fields["message"].get<std::string>().rfind(

@@ -54,12 +54,12 @@ TEST(SimulateCommand, ShippedExamplesTellTheirStories) {
     // The default index stays 0: once the first stick has gone it names the second one.
     auto updates = eventsOf(two, "application", "noteNetworkInfoDidUpdate:sender:");
     ASSERT_FALSE(updates.empty());
-    EXPECT_EQ(updates.back().fields["device"]["_quorvelID"], 15412);
+    EXPECT_EQ(updates.back().device()["_quorvelID"], 15412);
 
     auto generic = playExample("generic-huawei.json");
     auto announced = eventsOf(generic, "application", "noteDeviceBecameAvailable:");
     ASSERT_EQ(announced.size(), 1u);
-    EXPECT_EQ(announced[0].fields["device"]["_quorvelID"], 15355);
+    EXPECT_EQ(announced[0].device()["_quorvelID"], 15355);
 
     auto rejected = playExample("rejected-device.json");
     EXPECT_TRUE(hasLogLine(rejected, "Device is recognized but not allowed. Throwing it away!"));

@@ -10,10 +10,11 @@ void EventSink::addCall(const char* kind, const std::string& call,
                         const std::shared_ptr<QVDevice>& device) {
     qv::Json fields = qv::Json::object();
     fields["call"] = call;
-    if (device) {
-        fields["device"] = qv::jsonFromValue(device->toDictionary());
-    }
-    add(kind, std::move(fields));
+    add(kind, std::move(fields), device ? deviceRecord(*device) : std::string());
+}
+
+std::string EventSink::deviceRecord(const QVDevice& device) {
+    return qv::jsonTextFromValue(device.toDictionary());
 }
 
 }  // namespace qvdevice

@@ -14,10 +14,15 @@ namespace qvdevice {
 class EventSink {
   public:
     virtual ~EventSink() = default;
-    virtual void add(std::string kind, qv::Json fields) = 0;
+    // `deviceRecord`: the JSON text of the device the event names (see deviceRecord()), or empty.
+    virtual void add(std::string kind, qv::Json fields, std::string deviceRecord) = 0;
+    void add(std::string kind, qv::Json fields) { add(std::move(kind), std::move(fields), {}); }
     // A call by or to the framework, with the device's dictionary form when there is one.
     void addCall(const char* kind, const std::string& call,
                  const std::shared_ptr<QVDevice>& device = nullptr);
+
+    // The device's dictionary form as one line of JSON text.
+    static std::string deviceRecord(const QVDevice& device);
 };
 
 }  // namespace qvdevice

@@ -25,9 +25,10 @@ class LiveEventWriter : public EventSink {
     LiveEventWriter(std::ostream& out, bool pretty)
         : out_(out), pretty_(pretty), origin_(qv::RunLoop::current().now()) {}
 
-    void add(std::string kind, qv::Json fields) override {
+    using EventSink::add;
+    void add(std::string kind, qv::Json fields, std::string deviceRecord) override {
         SimulationEvent event{qv::RunLoop::current().now() - origin_, std::move(kind),
-                              std::move(fields)};
+                              std::move(fields), std::move(deviceRecord)};
         writeEvents(out_, {event}, pretty_);
         out_.flush();
     }

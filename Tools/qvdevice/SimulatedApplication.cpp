@@ -55,10 +55,8 @@ void SimulatedApplication::noteNetworkInfoDidUpdate(const qv::Value& info,
     qv::Json fields = qv::Json::object();
     fields["call"] = "noteNetworkInfoDidUpdate:sender:";
     fields["info"] = qv::jsonFromValue(info);
-    if (sender) {
-        fields["device"] = qv::jsonFromValue(sender->toDictionary());
-    }
-    sink_.add("application", std::move(fields));
+    sink_.add("application", std::move(fields),
+              sender ? EventSink::deviceRecord(*sender) : std::string());
 }
 
 }  // namespace qvdevice

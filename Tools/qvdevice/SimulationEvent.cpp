@@ -44,14 +44,28 @@ std::string argvText(const qv::Json& argv) {
 
 }  // namespace
 
-qv::Json SimulationEvent::toJson() const {
+qv::Json SimulationEvent::device() const {
+    if (deviceRecord.empty()) {
+        return nullptr;
+    }
+    return qv::Json::parse(deviceRecord, nullptr, false);
+}
+
+std::string SimulationEvent::jsonLine() const {
     qv::Json line = qv::Json::object();
     line["t"] = roundedTime(t);
     line["kind"] = kind;
     for (const auto& [key, value] : fields.items()) {
         line[key] = value;
     }
-    return line;
+    std::string text = line.dump(-1, ' ', false, qv::Json::error_handler_t::replace);
+    if (!deviceRecord.empty()) {
+        text.pop_back();
+        text += R"(,"device":)";
+        text += deviceRecord;
+        text += '}';
+    }
+    return text;
 }
 
 std::string SimulationEvent::prettyLine() const {
@@ -67,8 +81,8 @@ std::string SimulationEvent::prettyLine() const {
             detail = call->get<std::string>();
         if (const auto* port = field("port"))
             detail += "  " + port->get<std::string>();
-        if (const auto* device = field("device"))
-            detail += "  " + deviceSummary(*device);
+        if (!deviceRecord.empty())
+            detail += "  " + deviceSummary(device());
         for (const char* key : {"command", "deviceId", "code", "info", "arguments"}) {
             if (const auto* value = field(key))
                 detail += std::string("  ") + key + "=" + value->dump();
@@ -106,7 +120,7 @@ void writeEvents(std::ostream& out, const std::vector<SimulationEvent>& events, 
         if (pretty) {
             out << event.prettyLine() << '\n';
         } else {
-            out << event.toJson().dump(-1, ' ', false, qv::Json::error_handler_t::replace) << '\n';
+            out << event.jsonLine() << '\n';
         }
     }
 }

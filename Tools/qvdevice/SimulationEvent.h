@@ -14,9 +14,14 @@ struct SimulationEvent {
     double t = 0.0;
     std::string kind;
     qv::Json fields = qv::Json::object();
+    // The device the line names, as the JSON text of its dictionary form; empty when it names
+    // none. Kept as text, written once: a long story has tens of thousands of these.
+    std::string deviceRecord;
 
-    // {"t":..,"kind":..,<fields>} on one line.
-    qv::Json toJson() const;
+    // The device record read back; null when the line names no device.
+    qv::Json device() const;
+    // {"t":..,"kind":..,<fields>,"device":..} on one line.
+    std::string jsonLine() const;
     // The aligned human form of --pretty.
     std::string prettyLine() const;
 };

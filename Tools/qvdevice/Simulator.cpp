@@ -35,9 +35,10 @@ class EventRecorder : public EventSink {
   public:
     EventRecorder(const qv::VirtualRunLoop& loop, double origin) : loop_(loop), origin_(origin) {}
 
-    void add(std::string kind, qv::Json fields) override {
-        events_.push_back(
-            SimulationEvent{loop_.now() - origin_, std::move(kind), std::move(fields)});
+    using EventSink::add;
+    void add(std::string kind, qv::Json fields, std::string deviceRecord) override {
+        events_.push_back(SimulationEvent{loop_.now() - origin_, std::move(kind), std::move(fields),
+                                          std::move(deviceRecord)});
     }
     std::vector<SimulationEvent> take() { return std::move(events_); }
 

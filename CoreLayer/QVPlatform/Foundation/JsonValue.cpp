@@ -1,5 +1,7 @@
 #include "JsonValue.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <vector>
 
@@ -143,6 +145,102 @@ Json jsonFromValue(const Value& value) {
         }
     }
     return nullptr;
+}
+
+namespace {
+
+// The one-line text the tools print: nothing escaped beyond what JSON needs, bytes that are not
+// UTF-8 replaced.
+std::string dumpLine(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// The bytes a JSON string cannot hold as they stand, and those that may not be UTF-8.
+constexpr std::array<bool, 256> kNotPlainText = [] {
+    std::array<bool, 256> table{};
+    for (int c = 0; c < 256; ++c) {
+        table[c] = c < 0x20 || c >= 0x80 || c == '"' || c == '\\';
+    }
+    return table;
+}();
+
+// Plain printable ASCII is written as it stands; anything else (escapes, UTF-8, bytes that are
+// not UTF-8) goes through the JSON library, so both writers always agree.
+void appendJsonString(std::string& out, const std::string& text) {
+    for (unsigned char c : text) {
+        if (kNotPlainText[c]) {
+            out += dumpLine(Json(text));
+            return;
+        }
+    }
+    const std::size_t at = out.size();
+    out.resize(at + text.size() + 2);
+    char* end = out.data() + at;
+    *end++ = '"';
+    end = std::copy(text.begin(), text.end(), end);
+    *end = '"';
+}
+
+}  // namespace
+
+void appendJsonText(std::string& out, const Value& value) {
+    switch (value.type()) {
+        case Value::Type::Nil:
+            out += "null";
+            return;
+        case Value::Type::String:
+            appendJsonString(out, *value.asString());
+            return;
+        case Value::Type::Integer:
+            out += std::to_string(value.integerValue());
+            return;
+        case Value::Type::Boolean:
+            out += value.boolValue() ? "true" : "false";
+            return;
+        case Value::Type::Real:
+        case Value::Type::Data:
+        case Value::Type::Date:
+            // Rare in records, and their number and base64 forms are the library's own.
+            out += dumpLine(jsonFromValue(value));
+            return;
+        case Value::Type::Array: {
+            out += '[';
+            bool first = true;
+            for (const auto& item : *value.asArray()) {
+                if (!first) {
+                    out += ',';
+                }
+                first = false;
+                appendJsonText(out, item);
+            }
+            out += ']';
+            return;
+        }
+        case Value::Type::Dictionary: {
+            out += '{';
+            bool first = true;
+            for (const auto& [key, item] : *value.asDictionary()) {
+                if (!first) {
+                    out += ',';
+                }
+                first = false;
+                appendJsonString(out, key);
+                out += ':';
+                appendJsonText(out, item);
+            }
+            out += '}';
+            return;
+        }
+    }
+}
+
+std::string jsonTextFromValue(const Value& value) {
+    // Written into a buffer that keeps its room between calls, then copied at its exact size:
+    // the texts are kept, and growing each one by doubling would cost more than the copy.
+    thread_local std::string scratch;
+    scratch.clear();
+    appendJsonText(scratch, value);
+    return scratch;
 }
 
 std::string base64Encode(const Data& data) {

@@ -17,6 +17,11 @@ using Json = nlohmann::ordered_json;
 // nullopt and a message naming the place (`where`, then the path inside) on failure.
 std::optional<Value> valueFromJson(const Json& json, const std::string& where, std::string* error);
 Json jsonFromValue(const Value& value);
+// The text jsonFromValue(value) prints on one line (bytes that are not UTF-8 replaced), written
+// straight from the value without building the JSON tree: device records go into every line the
+// tools print.
+void appendJsonText(std::string& out, const Value& value);
+std::string jsonTextFromValue(const Value& value);
 
 // Reads a whole JSON file of at most `maxBytes`; nullopt and "PATH: reason" on failure.
 std::optional<Json> readJsonFile(const std::string& path, std::size_t maxBytes, std::string* error);

@@ -1,6 +1,7 @@
 #include "Value.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -12,6 +13,7 @@ namespace qv {
 // ---- Dictionary ----
 
 Dictionary::Dictionary(std::initializer_list<Entry> entries) {
+    entries_.reserve(entries.size());
     for (const auto& e : entries) {
         set(e.first, e.second);
     }
@@ -61,6 +63,14 @@ void Dictionary::set(std::string key, Value value) {
         index_.emplace(entries_.back().first, entries_.size() - 1);
     } else if (entries_.size() > kIndexThreshold) {
         rebuildIndex();
+    }
+}
+
+void Dictionary::addNew(std::string key, Value value) {
+    assert(find(key) == nullptr);
+    entries_.emplace_back(std::move(key), std::move(value));
+    if (!index_.empty()) {
+        index_.emplace(entries_.back().first, entries_.size() - 1);
     }
 }
 

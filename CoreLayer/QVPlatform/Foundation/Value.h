@@ -43,6 +43,10 @@ class Dictionary {
     Value* find(std::string_view key);
     bool contains(std::string_view key) const { return find(key) != nullptr; }
     void set(std::string key, Value value);
+    // For a key the caller has made unique (a record's numbered keys): appended without the
+    // search set() makes, and without building the lookup index for a dictionary that is about
+    // to be written out rather than searched. Lookups stay correct either way.
+    void addNew(std::string key, Value value);
     bool erase(std::string_view key);
     void clear();
     // Room for `count` entries, for a dictionary about to be filled.
@@ -70,7 +74,9 @@ class Dictionary {
     void rebuildIndex();
 
     std::vector<Entry> entries_;
-    Index index_;  // key -> position in entries_; empty while the dictionary is small
+    // key -> position in entries_: either empty (a small dictionary, or one filled by addNew)
+    // or complete.
+    Index index_;
 };
 
 class Value {
@@ -142,6 +148,10 @@ class Value {
 
     // Mutation. set() turns a nil value into an empty dictionary first, append() into an array.
     void set(std::string key, Value value);
+    // For a key the caller has made unique (a record's numbered keys): appended without the
+    // search set() makes, and without building the lookup index for a dictionary that is about
+    // to be written out rather than searched. Lookups stay correct either way.
+    void addNew(std::string key, Value value);
     void append(Value value);
 
     bool operator==(const Value& other) const;

@@ -37,6 +37,17 @@ IONotificationPort* NotificationPortList::byId(std::uint64_t id) const {
     return (it != ports_.end() && (*it)->id == id) ? it->get() : nullptr;
 }
 
+namespace {
+
+// Sequence numbers grow along a port's list: the place of one is found by bisection.
+template <typename List>
+auto placeOfSequence(List& list, std::uint64_t sequence) {
+    return std::lower_bound(list.begin(), list.end(), sequence,
+                            [](const auto& n, std::uint64_t s) { return n->sequence < s; });
+}
+
+}  // namespace
+
 qvRegistryNotification* NotificationPortList::append(
     IONotificationPort* port, std::unique_ptr<qvRegistryNotification> notification) {
     notification->sequence = nextSequence_++;
@@ -50,13 +61,17 @@ void NotificationPortList::erase(qvRegistryNotification* notification) {
     if (!contains(port)) {
         return;
     }
+    port->pendingSequences.erase(notification->sequence);
     auto& list = port->notifications;
-    // Sequence numbers grow along the list: find it by bisection.
-    auto it = std::lower_bound(list.begin(), list.end(), notification->sequence,
-                               [](const auto& n, std::uint64_t s) { return n->sequence < s; });
+    auto it = placeOfSequence(list, notification->sequence);
     if (it != list.end() && it->get() == notification) {
         list.erase(it);
     }
 }
 
 }  // namespace qv
+
+qvRegistryNotification* IONotificationPort::notificationWithSequence(std::uint64_t sequence) const {
+    auto it = qv::placeOfSequence(notifications, sequence);
+    return (it != notifications.end() && (*it)->sequence == sequence) ? it->get() : nullptr;
+}

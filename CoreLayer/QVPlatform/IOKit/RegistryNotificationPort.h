@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "IOKitTypes.h"
@@ -20,6 +21,12 @@ struct IONotificationPort {
     std::uint64_t id = 0;
     std::shared_ptr<qv::RunLoopSource> source;
     std::vector<std::unique_ptr<qvRegistryNotification>> notifications;
+    // Sequence numbers of the notifications with something to deliver: a port can carry hundreds
+    // of notifications (one per known model), and a delivery should not have to look at them all.
+    std::set<std::uint64_t> pendingSequences;
+
+    // The notification with that sequence number; nullptr when it has ended.
+    qvRegistryNotification* notificationWithSequence(std::uint64_t sequence) const;
 };
 
 // One armed matching notification of a port.

@@ -116,6 +116,7 @@ void Registry::queueForNotification(qvRegistryNotification& notification, io_reg
     retain(entry);
     if (armed && !notification.pending) {
         notification.pending = true;
+        notification.port->pendingSequences.insert(notification.sequence);
         signal = true;
     }
 }
@@ -125,10 +126,19 @@ void Registry::deliver(std::uint64_t portId) {
     if (port == nullptr) {
         return;
     }
-    // Callbacks may add notifications to this port or destroy it: walk by index and re-check.
-    for (std::size_t i = 0; isPort(port) && i < port->notifications.size(); ++i) {
-        qvRegistryNotification* notification = port->notifications[i].get();
-        if (!notification->pending) {
+    // In arming order, from the pending ones only. Callbacks may arm, end or make pending other
+    // notifications, or destroy the port: re-check the port and look each one up afresh. One made
+    // pending behind the walk waits for the next delivery, which its signal has asked for.
+    std::uint64_t after = 0;
+    while (isPort(port)) {
+        auto next = port->pendingSequences.upper_bound(after);
+        if (next == port->pendingSequences.end()) {
+            break;
+        }
+        after = *next;
+        port->pendingSequences.erase(next);
+        qvRegistryNotification* notification = port->notificationWithSequence(after);
+        if (notification == nullptr || !notification->pending) {
             continue;
         }
         notification->pending = false;

@@ -351,26 +351,27 @@ qv::Value QVDevice::toDictionary() const {
     interfaces.reserve(_interfaces.size());
     for (std::size_t i = 0; i < _interfaces.size(); ++i) {
         // "interface-%d", without the formatter (the record is written often).
-        interfaces.set("interface-" + std::to_string(i), _interfaces[i]->toDictionary());
+        interfaces.addNew("interface-" + std::to_string(i), _interfaces[i]->toDictionary());
     }
-    qv::Value dictionary(qv::Dictionary{
-        {kClassKey, qv::Value(className())},
-        {kAvailableKey, qv::Value(_available)},
-        {kQuorvelIDKey, qv::Value::integer(_quorvelID)},
-    });
+    // Filled in place, with room for a subclass's own keys: the record is written often.
+    qv::Dictionary dictionary;
+    dictionary.reserve(10);
+    dictionary.addNew(kClassKey, qv::Value(className()));
+    dictionary.addNew(kAvailableKey, qv::Value(_available));
+    dictionary.addNew(kQuorvelIDKey, qv::Value::integer(_quorvelID));
     if (_locationID && !_locationID->isNil()) {
-        dictionary.set(kLocationIDKey, *_locationID);
+        dictionary.addNew(kLocationIDKey, *_locationID);
     }
-    dictionary.set(kInterfacesKey, qv::Value(std::move(interfaces)));
+    dictionary.addNew(kInterfacesKey, qv::Value(std::move(interfaces)));
     // The container holds no nil, so names that were never set are left out.
     for (const auto& [key, field] :
          {std::pair{kProductNameKey, &_productName}, std::pair{kVendorNameKey, &_vendorName},
           std::pair{kDriverBundleKey, &_driverBundle}}) {
         if (*field) {
-            dictionary.set(key, **field);
+            dictionary.addNew(key, qv::Value(**field));
         }
     }
-    return dictionary;
+    return qv::Value(std::move(dictionary));
 }
 
 void QVDevice::readDictionary(const qv::Value& dictionary) {

@@ -61,11 +61,12 @@ namespace {
 // "capability-%02d", without the formatter: every device record written renders one per
 // capability.
 std::string capabilityKey(int position) {
-    std::string digits = std::to_string(position);
-    if (digits.size() < 2) {
-        digits.insert(0, 1, '0');
+    std::string key = "capability-";
+    if (position < 10) {
+        key += '0';
     }
-    return "capability-" + digits;
+    key += std::to_string(position);
+    return key;
 }
 
 }  // namespace
@@ -75,12 +76,14 @@ qv::Value QVInterface::toDictionary() const {
     capabilities.reserve(_capabilities.size());
     int position = 0;
     for (const auto& capability : _capabilities) {
-        capabilities.set(capabilityKey(position++), capability);
+        capabilities.addNew(capabilityKey(position++), qv::Value(capability));
     }
-    return qv::Value(qv::Dictionary{
-        {kClassKey, qv::Value(className())},
-        {kCapabilitiesKey, qv::Value(std::move(capabilities))},
-    });
+    // Filled in place: an initializer list would copy the capabilities once more.
+    qv::Dictionary dictionary;
+    dictionary.reserve(3);  // and room for a subclass's own key
+    dictionary.addNew(kClassKey, qv::Value(className()));
+    dictionary.addNew(kCapabilitiesKey, qv::Value(std::move(capabilities)));
+    return qv::Value(std::move(dictionary));
 }
 
 void QVInterface::readDictionary(const qv::Value& dictionary) {
