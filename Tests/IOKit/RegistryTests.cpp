@@ -223,4 +223,53 @@ TEST_F(RegistryTest, SetPropertiesMergesAndRemovesKeys) {
     EXPECT_FALSE(registry().setProperties(stick, qv::Value("not a dictionary")));
 }
 
+// A reader may skip a walk while the stamp is unchanged: so every change it could see must move
+// the stamp, and changes elsewhere need not.
+TEST_F(RegistryTest, ChangeStampsMoveWithEverythingAReaderCanSee) {
+    io_registry_entry_t hub = registry().addEntry(IO_OBJECT_NULL, "IOService", "hub", {});
+    io_registry_entry_t stick =
+        registry().addEntry(hub, "IOUSBDevice", "", qv::Value(qv::Dictionary{{"idVendor", 1}}));
+    io_registry_entry_t port = registry().addEntry(stick, "IOSerialBSDClient", "", {});
+    io_registry_entry_t other = addUsb(4817, 4099, 9);
+    auto stamp = [&] { return qvRegistryEntryGetChangeStamp(stick); };
+
+    std::uint64_t last = stamp();
+    EXPECT_NE(last, 0u);
+    auto moved = [&] {
+        const std::uint64_t now = stamp();
+        const bool changed = now != last;
+        last = now;
+        return changed;
+    };
+    EXPECT_FALSE(moved());
+    // Elsewhere in the tree: a sibling device, its properties, a new device.
+    registry().setProperties(other, qv::Value(qv::Dictionary{{"x", 1}}));
+    addUsb(1, 2, 3);
+    EXPECT_FALSE(moved());
+    // The entry itself, a descendant's properties, a new and a removed descendant.
+    registry().setProperties(stick, qv::Value(qv::Dictionary{{"USB Product Name", "E220"}}));
+    EXPECT_TRUE(moved());
+    registry().setProperties(port, qv::Value(qv::Dictionary{{"IOTTYDevice", "ttyUSB0"}}));
+    EXPECT_TRUE(moved());
+    io_registry_entry_t cd = registry().addEntry(port, "IOCDMedia", "", {});
+    EXPECT_TRUE(moved());
+    registry().removeEntry(cd);
+    EXPECT_TRUE(moved());
+    // An ancestor's properties (a driver bundle above the device is read by climbing).
+    registry().setProperties(hub, qv::Value(qv::Dictionary{{"CFBundleIdentifier", "com.x"}}));
+    EXPECT_TRUE(moved());
+    // The device's own removal: a holder of the handle now sees it detached.
+    IOObjectRetain(stick);
+    registry().removeEntry(stick);
+    EXPECT_TRUE(moved());
+    IOObjectRelease(stick);
+
+    EXPECT_EQ(qvRegistryEntryGetChangeStamp(IO_OBJECT_NULL), 0u);
+    // A new registry may hand out the same handles, never the same stamps.
+    const std::uint64_t before = qvRegistryEntryGetChangeStamp(other);
+    qv::Registry::resetShared();
+    io_registry_entry_t again = addUsb(4817, 4099, 9);
+    EXPECT_GT(qvRegistryEntryGetChangeStamp(again), before);
+}
+
 }  // namespace

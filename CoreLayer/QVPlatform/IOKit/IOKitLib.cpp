@@ -179,6 +179,10 @@ kern_return_t IORegistryEntryGetNameInPlane(io_registry_entry_t entry, const cha
     return IORegistryEntryGetName(entry, name);
 }
 
+std::uint64_t qvRegistryEntryGetChangeStamp(io_registry_entry_t entry) {
+    return registry().changeStamp(entry);
+}
+
 kern_return_t IORegistryEntryGetPath(io_registry_entry_t entry, const char* plane,
                                      io_string_t path) {
     if (plane == nullptr || std::strcmp(plane, kIOServicePlane) != 0 || path == nullptr) {

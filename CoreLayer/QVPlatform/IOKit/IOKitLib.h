@@ -8,6 +8,7 @@
 //   the registry change that caused them.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string_view>
 
@@ -63,6 +64,10 @@ kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t entry, qv::V
 kern_return_t IORegistryEntryGetName(io_registry_entry_t entry, io_name_t name);
 kern_return_t IORegistryEntryGetNameInPlane(io_registry_entry_t entry, const char* plane,
                                             io_name_t name);
+// Not an I/O Kit function: a number that changes whenever anything a reader of the entry can see
+// changes (its properties, its subtree, its ancestors' properties), so that a reader can skip a
+// walk that would find what it found last time. 0 for an object that is not an entry.
+std::uint64_t qvRegistryEntryGetChangeStamp(io_registry_entry_t entry);
 kern_return_t IORegistryEntryGetPath(io_registry_entry_t entry, const char* plane,
                                      io_string_t path);
 kern_return_t IOObjectGetClass(io_object_t object, io_name_t className);

@@ -3,12 +3,16 @@
 #include "RegistryObject.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <utility>
 
 namespace qv {
 
 namespace {
+
+// Process-wide, so that a registry made after a reset never hands out a number seen before.
+std::atomic<std::uint64_t> lastChangeStamp{0};
 
 std::unique_ptr<Registry>& sharedSlot() {
     static std::unique_ptr<Registry> registry;
@@ -123,6 +127,7 @@ io_registry_entry_t Registry::addEntry(io_registry_entry_t parent, const std::st
     objects_[handle] = std::move(entry);
     auto& siblings = parentObject->children;
     siblings.insert(std::find(siblings.begin(), siblings.end(), before), handle);
+    noteChange(handle, true);
     reportToNotifications(handle, true);
     return handle;
 }
@@ -146,7 +151,33 @@ bool Registry::setProperties(io_registry_entry_t entry, const Value& properties)
     if (object->attached) {
         index_.addEntry(entry, object->className, object->name, object->properties);
     }
+    noteChange(entry, true);
     return true;
+}
+
+void Registry::noteChange(io_registry_entry_t entry, bool ownChange) {
+    const std::uint64_t stamp = ++lastChangeStamp;
+    Object* object = find(entry);
+    if (object != nullptr && ownChange) {
+        object->ownStamp = stamp;
+    }
+    while (object != nullptr) {
+        object->subtreeStamp = stamp;
+        object = object->parent == IO_OBJECT_NULL ? nullptr : find(object->parent);
+    }
+}
+
+std::uint64_t Registry::changeStamp(io_registry_entry_t entry) const {
+    const Object* object = find(entry);
+    if (object == nullptr || object->kind != Object::Kind::Entry) {
+        return 0;
+    }
+    std::uint64_t stamp = object->subtreeStamp;
+    for (const Object* ancestor = find(object->parent); ancestor != nullptr;
+         ancestor = find(ancestor->parent)) {
+        stamp = std::max(stamp, ancestor->ownStamp);
+    }
+    return stamp;
 }
 
 void Registry::collectSubtree(io_registry_entry_t entry,
@@ -194,6 +225,12 @@ bool Registry::removeEntry(io_registry_entry_t entry) {
             --attachedEntries_;
         }
     }
+    // Every removed entry now looks different (detached, no attached children); so do the
+    // remaining ancestors.
+    for (auto it = subtree.rbegin(); it != subtree.rend(); ++it) {
+        noteChange(*it, true);
+    }
+    noteChange(object->parent, false);
     // Drop the tree's references last, children before parents.
     for (auto it = subtree.rbegin(); it != subtree.rend(); ++it) {
         release(*it);

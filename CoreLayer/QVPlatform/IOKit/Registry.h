@@ -76,6 +76,11 @@ class Registry {
     // All attached descendants, depth first, in child order (not the entry itself).
     std::vector<io_registry_entry_t> entryDescendants(io_registry_entry_t entry) const;
     std::optional<std::string> entryPath(io_registry_entry_t entry) const;
+    // A number that changes whenever anything a reader of the entry can see changes: its own
+    // properties, any entry of its subtree (added, removed, properties), or the properties of an
+    // ancestor. 0 for a handle that is not an entry. Numbers are never reused in the process, not
+    // even by a later registry, so an unchanged number means an unchanged view.
+    std::uint64_t changeStamp(io_registry_entry_t entry) const;
     bool matches(io_registry_entry_t entry, const Value& matching) const;
     std::vector<io_registry_entry_t> matchingEntries(const Value& matching) const;
 
@@ -126,6 +131,9 @@ class Registry {
     void sortInTreeOrder(std::vector<io_registry_entry_t>& entries) const;
     void deliver(std::uint64_t portId);
     EntryView view(io_registry_entry_t entry) const;
+    // Stamps a change of `entry`'s subtree on it and its ancestors; of its own properties too
+    // when `ownChange`.
+    void noteChange(io_registry_entry_t entry, bool ownChange);
 
     std::unordered_map<io_object_t, std::unique_ptr<Object>> objects_;
     std::map<std::string, std::string> superclasses_;

@@ -2,6 +2,8 @@
 // registry's own sources.
 #pragma once
 
+#include <cstdint>
+
 #include <string>
 #include <vector>
 
@@ -20,6 +22,10 @@ struct Registry::Object {
     io_registry_entry_t parent = IO_OBJECT_NULL;
     std::vector<io_registry_entry_t> children;
     bool attached = true;
+    // Change stamps (see Registry::changeStamp): when the entry's own properties or attachment
+    // last changed, and when anything in its subtree last did.
+    std::uint64_t ownStamp = 0;
+    std::uint64_t subtreeStamp = 0;
 
     // Iterator
     std::vector<io_object_t> items;

@@ -116,6 +116,14 @@ void QVIODevice::readOwnProperties() {
 }
 
 void QVIODevice::updateFromIORegistry() {
+    // What is read below depends on the registry alone: when nothing the entry can see has
+    // changed since the last read, the walk would find the same again. The preparation ticks
+    // refresh every listed device each second, most of them unchanged.
+    const std::uint64_t stamp = qvRegistryEntryGetChangeStamp(_representedEntry);
+    if (stamp != 0 && stamp == _registryStamp) {
+        return;
+    }
+    _registryStamp = stamp;
     // A CD that has gone must not be unmounted later; the other names survive a refresh.
     _driverDiskName = qv::Value();
     readOwnProperties();

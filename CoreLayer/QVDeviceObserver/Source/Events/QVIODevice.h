@@ -6,6 +6,7 @@
 // Lives on the thread that runs the registry's notification port (the framework's run loop).
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -73,6 +74,8 @@ class QVIODevice : public qv::Object {
     void findDriverBundleAt(io_registry_entry_t entry);
 
     io_registry_entry_t _representedEntry = IO_OBJECT_NULL;
+    // The registry's change stamp of the entry when it was last read (0: never).
+    std::uint64_t _registryStamp = 0;
     qv::Date _timeItWasAdded;
     qv::Value _name;
     qv::Value _vendor;
