@@ -25,8 +25,9 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "libqvdeviceobserver0")
 # udev makes the /dev/cu.* links of the shipped rule; udisks2 unmounts a stick's driver CD for
-# an unprivileged host; usb-modeswitch switches sticks out of their storage mode.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "udev, udisks2, usb-modeswitch")
+# an unprivileged host; usb-modeswitch switches sticks out of their storage mode; psmisc has the
+# killall that signals a process by name for the host.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "udev, udisks2, usb-modeswitch, psmisc")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
     "Detection of USB modem sticks, data cards and phones for connection applications
  The framework a mobile-broadband connection application runs on its GLib main loop: it
