@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "CardPrepCommand.h"
 #include "Foundation/Task.h"
@@ -198,6 +199,51 @@ TEST_F(CardPrepTest, PackMembersAreFoundAndDamagedPacksRefused) {
     plugStick("12d1", "1f15");
     EXPECT_EQ(run(options(0x1F15, root_ + "/broken.tar.gz")), 1);
     EXPECT_NE(err_.str().find("broken.tar.gz"), std::string::npos) << err_.str();
+}
+
+// Two identical sticks: each is switched by its own bus and device number, and one that fails
+// does not keep the other in storage mode.
+TEST_F(CardPrepTest, EveryAttachedStickIsSwitchedByItsBusAddress) {
+    for (const auto& [port, bus, device] :
+         {std::tuple{"3-1", "3", "7"}, std::tuple{"1-4", "1", "12"}}) {
+        const std::string base = root_ + "/sys/bus/usb/devices/" + std::string(port) + "/";
+        writeFile(base + "idVendor", "12d1\n");
+        writeFile(base + "idProduct", "1f16\n");
+        writeFile(base + "busnum", std::string(bus) + "\n");
+        writeFile(base + "devnum", std::string(device) + "\n");
+    }
+    EXPECT_EQ(run(options(0x1F16)), 0) << err_.str();
+    ASSERT_EQ(launcher_->records().size(), 2u);
+    EXPECT_EQ(launcher_->records()[0].argv,
+              (std::vector<std::string>{tool_, "-v", "0x12d1", "-p", "0x1f16", "-b", "1", "-g",
+                                        "12", "-J"}));
+    EXPECT_EQ(launcher_->records()[1].argv,
+              (std::vector<std::string>{tool_, "-v", "0x12d1", "-p", "0x1f16", "-b", "3", "-g", "7",
+                                        "-J"}));
+    EXPECT_NE(out_.str().find("switched 12d1:1f16 on bus 3 device 7"), std::string::npos);
+
+    qv::TaskResult refused;
+    refused.launched = true;
+    refused.exitStatus = 1;
+    launcher_->setResult(tool_, refused);
+    launcher_->clear();
+    EXPECT_EQ(run(options(0x1F16)), 1);
+    EXPECT_EQ(launcher_->records().size(), 2u);
+    EXPECT_EQ(err_.str(),
+              "CardPrepTool: usb_modeswitch could not switch 12d1:1f16 on bus 1 device 12 (exit "
+              "status 1); 12d1:1f16 on bus 3 device 7 (exit status 1)\n");
+
+    // A bus number sysfs does not give as a number leaves the choice to usb_modeswitch.
+    writeFile(root_ + "/sys/bus/usb/devices/1-4/busnum", "-1\n");
+    qv::TaskResult switched;
+    switched.launched = true;
+    switched.exitStatus = 0;
+    launcher_->setResult(tool_, switched);
+    launcher_->clear();
+    EXPECT_EQ(run(options(0x1F16)), 0) << err_.str();
+    ASSERT_EQ(launcher_->records().size(), 2u);
+    EXPECT_EQ(launcher_->records()[0].argv,
+              (std::vector<std::string>{tool_, "-v", "0x12d1", "-p", "0x1f16", "-J"}));
 }
 
 }  // namespace

@@ -39,6 +39,21 @@ std::optional<std::uint32_t> readHexFile(const std::string& path) {
     return static_cast<std::uint32_t>(std::stoul(digits, nullptr, 16));
 }
 
+// A small decimal number file of sysfs ("busnum", "devnum"); nullopt for anything else.
+std::optional<int> readDecimalFile(const std::string& path) {
+    std::optional<std::string> text =
+        qv::readFileUpTo(path, 64, qv::FileKinds::RegularOnly, nullptr);
+    if (!text) {
+        return std::nullopt;
+    }
+    std::string digits = text->substr(0, text->find_first_of("\n "));
+    if (digits.empty() || digits.size() > 3 ||
+        digits.find_first_not_of("0123456789") != std::string::npos) {
+        return std::nullopt;
+    }
+    return std::stoi(digits);
+}
+
 // Only the settings lines of a configuration: comments and blank lines go, and nothing that is
 // not KEY=VALUE is passed on.
 std::string settingsOf(const std::string& config) {
@@ -179,28 +194,30 @@ std::string CardPrepCommand::idName() const {
     return hex4(kHuaweiVendorID) + ":" + hex4(options_.productID);
 }
 
-bool CardPrepCommand::isStickAttached() const {
+std::vector<StickAddress> CardPrepCommand::attachedSticks() const {
     const std::string directory = options_.sysfsRoot + "/bus/usb/devices";
-    DIR* dir = opendir(directory.c_str());
-    if (dir == nullptr) {
-        return false;
+    std::vector<std::string> names;
+    if (DIR* dir = opendir(directory.c_str())) {
+        while (dirent* entry = readdir(dir)) {
+            names.push_back(entry->d_name);
+        }
+        closedir(dir);
     }
-    bool found = false;
-    while (dirent* entry = readdir(dir)) {
-        std::string name = entry->d_name;
+    // readdir's order is the file system's: sort, so sticks are switched in the same order always.
+    std::sort(names.begin(), names.end());
+    std::vector<StickAddress> sticks;
+    for (const std::string& name : names) {
         // Devices only ("1-2", "usb1"); interfaces carry a colon.
         if (name.empty() || name.front() == '.' || name.find(':') != std::string::npos) {
             continue;
         }
-        std::string base = directory + "/" + name + "/";
+        const std::string base = directory + "/" + name + "/";
         if (readHexFile(base + "idVendor") == kHuaweiVendorID &&
             readHexFile(base + "idProduct") == options_.productID) {
-            found = true;
-            break;
+            sticks.push_back({readDecimalFile(base + "busnum"), readDecimalFile(base + "devnum")});
         }
     }
-    closedir(dir);
-    return found;
+    return sticks;
 }
 
 std::optional<std::string> CardPrepCommand::configuration(std::string* source,
@@ -233,9 +250,14 @@ std::optional<std::string> CardPrepCommand::configuration(std::string* source,
     return std::string();
 }
 
-std::vector<std::string> CardPrepCommand::modeswitchArguments(const std::string& config) const {
+std::vector<std::string> CardPrepCommand::modeswitchArguments(const std::string& config,
+                                                              const StickAddress& address) const {
     std::vector<std::string> arguments = {"-v", "0x" + hex4(kHuaweiVendorID), "-p",
                                           "0x" + hex4(options_.productID)};
+    if (address.bus && address.device) {
+        arguments.insert(arguments.end(), {"-b", std::to_string(*address.bus), "-g",
+                                           std::to_string(*address.device)});
+    }
     if (config.empty()) {
         arguments.push_back("-J");
     } else {
@@ -253,12 +275,11 @@ int CardPrepCommand::run() {
     if (!config) {
         return fail("cannot read the configuration for " + idName() + ": " + error);
     }
-    std::vector<std::string> arguments = modeswitchArguments(*config);
     if (options_.dryRun) {
         out_ << "configuration: " << (source.empty() ? "none, Huawei new-mode message" : source)
              << "\n";
         out_ << options_.usbModeswitchPath;
-        for (const std::string& argument : arguments) {
+        for (const std::string& argument : modeswitchArguments(*config)) {
             out_ << " "
                  << (argument.find('\n') == std::string::npos ? argument : "'" + argument + "'");
         }
@@ -270,19 +291,36 @@ int CardPrepCommand::run() {
                     " is missing: install the Debian packages usb-modeswitch and "
                     "usb-modeswitch-data");
     }
-    if (!isStickAttached()) {
+    const std::vector<StickAddress> sticks = attachedSticks();
+    if (sticks.empty()) {
         return fail("no Huawei stick " + idName() + " is attached");
     }
-    qv::TaskResult result = qv::TaskLauncher::shared().run(options_.usbModeswitchPath, arguments);
-    if (!result.launched) {
-        return fail("cannot start " + options_.usbModeswitchPath + ": " + result.error);
+    // Every stick is tried even when one fails: the others are not left in storage mode.
+    std::string failures;
+    for (const StickAddress& stick : sticks) {
+        const std::string which = stick.bus && stick.device
+                                      ? idName() + " on bus " + std::to_string(*stick.bus) +
+                                            " device " + std::to_string(*stick.device)
+                                      : idName();
+        qv::TaskResult result = qv::TaskLauncher::shared().run(options_.usbModeswitchPath,
+                                                               modeswitchArguments(*config, stick));
+        if (!result.launched) {
+            return fail("cannot start " + options_.usbModeswitchPath + ": " + result.error);
+        }
+        out_ << result.output;
+        if (result.exitStatus != 0) {
+            if (!failures.empty()) {
+                failures += "; ";
+            }
+            failures += which;
+            failures += " (exit status " + std::to_string(result.exitStatus) + ")";
+        } else {
+            out_ << "switched " << which << "\n";
+        }
     }
-    out_ << result.output;
-    if (result.exitStatus != 0) {
-        return fail("usb_modeswitch could not switch " + idName() + " (exit status " +
-                    std::to_string(result.exitStatus) + ")");
+    if (!failures.empty()) {
+        return fail("usb_modeswitch could not switch " + failures);
     }
-    out_ << "switched " << idName() << "\n";
     return 0;
 }
 

@@ -6,7 +6,9 @@
 // stick comes, in this order, from /etc/usb_modeswitch.d/12d1:HEX (the administrator's own),
 // from usb-modeswitch-data's pack (/usr/share/usb_modeswitch/configPack.tar.gz, member
 // "12d1:HEX"), and otherwise the Huawei new-mode message (-J) that every newer Huawei stick
-// understands. usb_modeswitch is started with an argument list, never through a shell.
+// understands. usb_modeswitch is started with an argument list, never through a shell. Every
+// attached stick with that product ID is switched, each by its bus and device number, so that two
+// identical sticks do not leave the second one in storage mode.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +18,13 @@
 #include <vector>
 
 namespace cardprep {
+
+// Where an attached stick sits on the bus (sysfs "busnum" and "devnum"); unknown when sysfs does
+// not say, and then usb_modeswitch picks the stick by its IDs alone.
+struct StickAddress {
+    std::optional<int> bus;
+    std::optional<int> device;
+};
 
 struct CardPrepOptions {
     std::uint32_t productID = 0;
@@ -50,10 +59,11 @@ class CardPrepCommand {
     // new-mode message is used). `error` is set when a configuration exists but cannot be read.
     std::optional<std::string> configuration(std::string* source, std::string* error) const;
     // usb_modeswitch's arguments (without the program) for the configuration, or for the
-    // new-mode message when `config` is empty.
-    std::vector<std::string> modeswitchArguments(const std::string& config) const;
-    // Whether a USB device 12d1:PRODUCT is attached, by sysfs.
-    bool isStickAttached() const;
+    // new-mode message when `config` is empty; for the stick at `address` when it is known.
+    std::vector<std::string> modeswitchArguments(const std::string& config,
+                                                 const StickAddress& address = {}) const;
+    // The attached USB devices 12d1:PRODUCT, by sysfs, in bus order.
+    std::vector<StickAddress> attachedSticks() const;
 
   private:
     int fail(const std::string& message);
