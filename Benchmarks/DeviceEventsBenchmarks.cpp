@@ -97,6 +97,7 @@ io_registry_entry_t crowdedRegistryWithStick() {
     return addModem(registry, controller, 1, 8);
 }
 
+// A refresh with nothing changed since the last one.
 void BM_SnapshotRefresh(benchmark::State& state) {
     auto loop = std::make_shared<qv::VirtualRunLoop>();
     qv::RunLoop::setCurrent(loop);
@@ -113,6 +114,27 @@ void BM_SnapshotRefresh(benchmark::State& state) {
     qv::Registry::resetShared();
 }
 BENCHMARK(BM_SnapshotRefresh);
+
+// The same refresh when something in the stick's subtree changed since the last one (a port's
+// property), so the walk cannot be skipped.
+void BM_SnapshotRefreshAfterAChange(benchmark::State& state) {
+    auto loop = std::make_shared<qv::VirtualRunLoop>();
+    qv::RunLoop::setCurrent(loop);
+    const io_registry_entry_t stick = crowdedRegistryWithStick();
+    qv::Registry& registry = qv::Registry::shared();
+    const io_registry_entry_t port = registry.entryDescendants(stick).back();
+    auto device = QVIODevice::deviceWithServiceEntry(stick);
+    int round = 0;
+    for (auto _ : state) {
+        registry.setProperties(port, qv::Value(qv::Dictionary{{"Round", ++round}}));
+        device->updateFromIORegistry();
+        benchmark::DoNotOptimize(device->portPaths().size());
+    }
+    device.reset();
+    qv::RunLoop::setCurrent(nullptr);
+    qv::Registry::resetShared();
+}
+BENCHMARK(BM_SnapshotRefreshAfterAChange);
 
 // The first snapshot of the same device: the driver bundle walk runs up the provider chain.
 void BM_SnapshotCreation(benchmark::State& state) {
