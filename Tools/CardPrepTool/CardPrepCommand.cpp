@@ -25,33 +25,31 @@ std::string hex4(std::uint32_t value) {
     return buffer;
 }
 
-std::optional<std::uint32_t> readHexFile(const std::string& path) {
+// A small number file of sysfs: "idVendor" (4 hex digits), "busnum" (3 decimal digits); nullopt
+// for anything else.
+std::optional<std::uint32_t> readSysfsNumber(const std::string& path, int base,
+                                             std::size_t maxDigits) {
     std::optional<std::string> text =
         qv::readFileUpTo(path, 64, qv::FileKinds::RegularOnly, nullptr);
     if (!text) {
         return std::nullopt;
     }
     std::string digits = text->substr(0, text->find_first_of("\n "));
-    if (digits.empty() || digits.size() > 4 ||
-        digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+    const char* allowed = base == 16 ? "0123456789abcdefABCDEF" : "0123456789";
+    if (digits.empty() || digits.size() > maxDigits ||
+        digits.find_first_not_of(allowed) != std::string::npos) {
         return std::nullopt;
     }
-    return static_cast<std::uint32_t>(std::stoul(digits, nullptr, 16));
+    return static_cast<std::uint32_t>(std::stoul(digits, nullptr, base));
 }
 
-// A small decimal number file of sysfs ("busnum", "devnum"); nullopt for anything else.
+std::optional<std::uint32_t> readHexFile(const std::string& path) {
+    return readSysfsNumber(path, 16, 4);
+}
+
 std::optional<int> readDecimalFile(const std::string& path) {
-    std::optional<std::string> text =
-        qv::readFileUpTo(path, 64, qv::FileKinds::RegularOnly, nullptr);
-    if (!text) {
-        return std::nullopt;
-    }
-    std::string digits = text->substr(0, text->find_first_of("\n "));
-    if (digits.empty() || digits.size() > 3 ||
-        digits.find_first_not_of("0123456789") != std::string::npos) {
-        return std::nullopt;
-    }
-    return std::stoi(digits);
+    std::optional<std::uint32_t> number = readSysfsNumber(path, 10, 3);
+    return number ? std::optional<int>(static_cast<int>(*number)) : std::nullopt;
 }
 
 // Only the settings lines of a configuration: comments and blank lines go, and nothing that is
