@@ -70,6 +70,11 @@ std::string checkIntegerText(std::string_view text) {
     return {};
 }
 
+// Tag names are ASCII: the locale has no say.
+bool isASCIIAlnum(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
+
 // The '>' that ends the tag opened at `from`, skipping quoted attribute values (a quoted "/>"
 // does not make a tag empty).
 std::size_t tagEnd(std::string_view xml, std::size_t from) {
@@ -95,17 +100,21 @@ std::string scanXML(std::string_view xml) {
     std::size_t i = xml.find('<');
     while (i != std::string_view::npos) {
         std::size_t close = std::string_view::npos;
-        if (startsWith(xml, i, "<!--")) {
+        // Only "<!" and "<?" can open a comment, CDATA or an instruction; testing the second
+        // character first spares the three comparisons for every ordinary tag.
+        const char marker = i + 1 < xml.size() ? xml[i + 1] : '\0';
+        const bool special = marker == '!' || marker == '?';
+        if (special && startsWith(xml, i, "<!--")) {
             close = xml.find("-->", i + 4);
             if (close != std::string_view::npos) {
                 close += 2;
             }
-        } else if (startsWith(xml, i, "<![CDATA[")) {
+        } else if (special && startsWith(xml, i, "<![CDATA[")) {
             close = xml.find("]]>", i + 9);
             if (close != std::string_view::npos) {
                 close += 2;
             }
-        } else if (startsWith(xml, i, "<?")) {
+        } else if (marker == '?') {
             close = xml.find("?>", i + 2);
             if (close != std::string_view::npos) {
                 close += 1;
@@ -118,7 +127,7 @@ std::string scanXML(std::string_view xml) {
             const bool closing = i + 1 < xml.size() && xml[i + 1] == '/';
             const std::size_t nameStart = i + (closing ? 2 : 1);
             std::size_t nameEnd = nameStart;
-            while (nameEnd < close && std::isalnum(static_cast<unsigned char>(xml[nameEnd])) != 0) {
+            while (nameEnd < close && isASCIIAlnum(xml[nameEnd])) {
                 ++nameEnd;
             }
             const std::string_view name = xml.substr(nameStart, nameEnd - nameStart);
