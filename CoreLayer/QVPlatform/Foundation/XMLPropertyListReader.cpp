@@ -120,15 +120,16 @@ std::string scanXML(std::string_view xml) {
                 close += 1;
             }
         } else {
-            close = tagEnd(xml, i + 1);
-            if (close == std::string_view::npos) {
-                break;
-            }
-            const bool closing = i + 1 < xml.size() && xml[i + 1] == '/';
+            const bool closing = marker == '/';
             const std::size_t nameStart = i + (closing ? 2 : 1);
             std::size_t nameEnd = nameStart;
-            while (nameEnd < close && isASCIIAlnum(xml[nameEnd])) {
+            while (nameEnd < xml.size() && isASCIIAlnum(xml[nameEnd])) {
                 ++nameEnd;
+            }
+            // The name holds no quote and no '>', so the tag's end is searched for after it.
+            close = tagEnd(xml, nameEnd);
+            if (close == std::string_view::npos) {
+                break;
             }
             const std::string_view name = xml.substr(nameStart, nameEnd - nameStart);
             const bool empty = xml[close - 1] == '/';

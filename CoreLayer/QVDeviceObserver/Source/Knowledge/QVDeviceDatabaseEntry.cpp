@@ -100,29 +100,12 @@ namespace {
 
 // The order an entry made by the constructor and then filled key by key would have: the ancestor
 // key first (created with the entry as -1, then overwritten in place by the dictionary's own
-// value), then every other key in the dictionary's order. `take` moves keys and values out of
-// `pairs` instead of copying them.
-qv::Dictionary entryOrder(const qv::Dictionary& pairs, bool take) {
-    qv::Dictionary ordered;
-    ordered.reserve(pairs.size() + 1);
-    const qv::Value* ancestor = pairs.find(Keys::kAncestorQuorvelID);
-    qv::Value first = qv::Value(-1);
-    if (ancestor != nullptr) {
-        first = take ? std::move(const_cast<qv::Value&>(*ancestor)) : *ancestor;
-    }
-    ordered.addNew(std::string(Keys::kAncestorQuorvelID), std::move(first));
-    for (const auto& pair : pairs) {
-        if (pair.first == Keys::kAncestorQuorvelID) {
-            continue;
-        }
-        if (take) {
-            auto& owned = const_cast<qv::Dictionary::Entry&>(pair);
-            ordered.set(std::move(owned.first), std::move(owned.second));
-        } else {
-            ordered.set(pair.first, pair.second);
-        }
-    }
-    return ordered;
+// value), then every other key in the dictionary's order.
+qv::Dictionary entryOrder(qv::Dictionary pairs) {
+    qv::Value* ancestor = pairs.find(Keys::kAncestorQuorvelID);
+    qv::Value first = ancestor != nullptr ? std::move(*ancestor) : qv::Value(-1);
+    pairs.setFirst(std::string(Keys::kAncestorQuorvelID), std::move(first));
+    return pairs;
 }
 
 }  // namespace
@@ -136,7 +119,7 @@ std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionar
                             qv::format("QuorvelID not found in dictionary: %@", dictionary));
     }
     return std::make_shared<QVDeviceDatabaseEntry>(static_cast<std::uint32_t>(id->intValue()),
-                                                   OrderedData{entryOrder(*pairs, false)});
+                                                   OrderedData{entryOrder(*pairs)});
 }
 
 std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionary(
@@ -148,9 +131,9 @@ std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionar
     }
     // Read before the keys are taken: the ID's own key is one of them.
     const auto quorvelID = static_cast<std::uint32_t>(id->intValue());
-    // The dictionary is ours (moved in): its keys and values may be taken.
-    return std::make_shared<QVDeviceDatabaseEntry>(quorvelID,
-                                                   OrderedData{entryOrder(*pairs, true)});
+    // The dictionary is ours (moved in): it becomes the entry's own.
+    return std::make_shared<QVDeviceDatabaseEntry>(
+        quorvelID, OrderedData{entryOrder(std::move(*dictionary.asDictionary()))});
 }
 
 std::string QVDeviceDatabaseEntry::description() const {
