@@ -97,7 +97,8 @@ TEST(QVDeviceDatabasePortLayout, KeptLayoutFollowsEveryChangeOfTheChain) {
 
 TEST(QVDeviceDatabasePortLayout, BrokenChainKeepsNoLayoutUntilItIsMended) {
     auto database = QVDeviceDatabase::databaseFromPropertyListString(std::string(kChain));
-    const auto& orphan = database->entryForQuorvelID(202);
+    // A copy: adding an entry below may move the database's list.
+    const auto orphan = database->entryForQuorvelID(202);
     EXPECT_EQ(orphan->portLayout(), nullptr);
     EXPECT_THROW(orphan->portIdentificationStrategy(), qv::Exception);
 
