@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "Foundation/Regex.h"
 
@@ -43,6 +44,99 @@ TEST(RegexTests, BadPatternsAndHostileSubjectsGiveErrorsNotHangs) {
     auto exponential = qv::Regex::compile("(a|aa)+$", false);
     ASSERT_TRUE(exponential);
     EXPECT_EQ(exponential->matchesWhole(std::string(60, 'a') + "b"), qv::Regex::Result::Error);
+}
+
+// Literal text at the start of a pattern (or a whole literal pattern) is answered without the
+// matcher; every answer must be the matcher's own. Wrapping a pattern in "(?:...)" keeps its
+// meaning and hides any literal start, so the wrapped pattern is the reference.
+TEST(RegexTests, LiteralShortcutsAnswerAsTheMatcherDoes) {
+    const std::vector<std::string> patterns = {"/dev/cu\\.ttyUSB7",
+                                               "/dev/cu\\.ttyACM[0-9]+",
+                                               "abc",
+                                               "ab?c",
+                                               "abc+",
+                                               "ab*",
+                                               "a{2}b",
+                                               "ab|cd",
+                                               "x\\.y",
+                                               "ab\\+",
+                                               "a\\\\b",
+                                               "a-b_c:d",
+                                               "abc$",
+                                               "^abc",
+                                               "abc.*",
+                                               "\\d+",
+                                               "(?i)abc",
+                                               "a\\|b",
+                                               "",
+                                               "ab{0}c",
+                                               "ab\\?"};
+    const std::vector<std::string> subjects = {"",
+                                               "a",
+                                               "ab",
+                                               "abc",
+                                               "ac",
+                                               "abcc",
+                                               "abcd",
+                                               "aab",
+                                               "cd",
+                                               "x.y",
+                                               "xzy",
+                                               "ab+",
+                                               "a\\b",
+                                               "a-b_c:d",
+                                               "ABC",
+                                               "a|b",
+                                               "123",
+                                               "/dev/cu.ttyUSB7",
+                                               "/dev/cu.ttyUSB70",
+                                               "/dev/cu.ttyUSB",
+                                               "/dev/cu.ttyACM12",
+                                               "/dev/cu.ttyACM",
+                                               "/dev/cu.ttyACMx",
+                                               "ab?",
+                                               "ab\xc3\xa9"};
+    for (const auto& pattern : patterns) {
+        auto regex = qv::Regex::compile(pattern, false);
+        auto reference = qv::Regex::compile("(?:" + pattern + ")", false);
+        ASSERT_TRUE(regex && reference) << pattern;
+        for (const auto& subject : subjects) {
+            EXPECT_EQ(regex->matchesWhole(subject), reference->matchesWhole(subject))
+                << "pattern " << pattern << " subject " << subject;
+        }
+    }
+    // The letter case of a case-insensitive pattern is not taken literally.
+    auto anyCase = qv::Regex::compile("/dev/cu\\.ttyusb0", true);
+    ASSERT_TRUE(anyCase);
+    EXPECT_TRUE(anyCase->matches("/dev/cu.ttyUSB0"));
+}
+
+// The cache answers like a fresh compile, keeps letter-case modes apart, remembers errors, and
+// still answers right after patterns have been pushed out by many others.
+TEST(RegexTests, CachedPatternsAnswerLikeFreshOnes) {
+    auto sensitive = qv::Regex::compileCached("e220", false);
+    auto insensitive = qv::Regex::compileCached("e220", true);
+    ASSERT_TRUE(sensitive && insensitive);
+    EXPECT_FALSE(sensitive->matches("E220"));
+    EXPECT_TRUE(insensitive->matches("E220"));
+    EXPECT_EQ(qv::Regex::compileCached("e220", false), sensitive);
+
+    std::string first;
+    std::string again;
+    EXPECT_FALSE(qv::Regex::compileCached("K38(", false, &first));
+    EXPECT_FALSE(qv::Regex::compileCached("K38(", false, &again));
+    EXPECT_FALSE(first.empty());
+    EXPECT_EQ(again, first);
+
+    for (int i = 0; i < 300; ++i) {
+        auto numbered = qv::Regex::compileCached("port" + std::to_string(i) + "[a-c]?", i % 2 == 0);
+        ASSERT_TRUE(numbered);
+        EXPECT_TRUE(numbered->matches("port" + std::to_string(i) + "b"));
+        EXPECT_EQ(numbered->matches("PORT" + std::to_string(i)), i % 2 == 0);
+    }
+    auto back = qv::Regex::compileCached("e220", true);
+    ASSERT_TRUE(back);
+    EXPECT_TRUE(back->matches("E220"));
 }
 
 }  // namespace

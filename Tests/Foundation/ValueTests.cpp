@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "Foundation/Value.h"
 
@@ -85,6 +86,50 @@ TEST(ValueTest, LargeDictionariesKeepOrderThroughReplaceAndErase) {
     EXPECT_EQ(reversed, dict);
     reversed.set("key0", Value(-1));
     EXPECT_FALSE(reversed == dict);
+}
+
+// setFirst moves a key to the front (or adds it there) and keeps the rest in order; copies,
+// assignments and moves of indexed dictionaries look keys up on their own.
+TEST(ValueTest, SetFirstAndCopiesKeepLookupsRight) {
+    for (const int count : {3, 16, 40}) {
+        Dictionary dict;
+        for (int i = 0; i < count; ++i) {
+            dict.set("key" + std::to_string(i), Value(i));
+        }
+        dict.setFirst("key" + std::to_string(count - 1), Value("last"));
+        dict.setFirst("new", Value("front"));
+        dict.setFirst("new", Value("again"));
+        std::vector<std::string> keys;
+        for (const auto& entry : dict) {
+            keys.push_back(entry.first);
+        }
+        ASSERT_EQ(keys.size(), static_cast<std::size_t>(count + 1)) << count;
+        EXPECT_EQ(keys[0], "new");
+        EXPECT_EQ(keys[1], "key" + std::to_string(count - 1));
+        for (int i = 0; i + 1 < count; ++i) {
+            EXPECT_EQ(keys[static_cast<std::size_t>(i) + 2], "key" + std::to_string(i));
+            EXPECT_EQ(dict.find("key" + std::to_string(i))->intValue(), i);
+        }
+        EXPECT_EQ(*dict.find("new"), Value("again"));
+        EXPECT_EQ(*dict.find("key" + std::to_string(count - 1)), Value("last"));
+
+        Dictionary copy(dict);
+        Dictionary assigned;
+        assigned.set("stale", Value(1));
+        assigned = dict;
+        dict.set("key0", Value("changed"));
+        dict.erase("new");
+        for (const Dictionary* other : {&copy, &assigned}) {
+            EXPECT_EQ(other->size(), static_cast<std::size_t>(count + 1));
+            EXPECT_EQ(*other->find("new"), Value("again"));
+            EXPECT_EQ(other->find("key0")->intValue(), 0);
+            EXPECT_EQ(other->find("stale"), nullptr);
+        }
+        Dictionary moved(std::move(copy));
+        EXPECT_EQ(moved.find("key1")->intValue(), 1);
+        EXPECT_EQ(*dict.find("key0"), Value("changed"));
+        EXPECT_EQ(dict.find("new"), nullptr);
+    }
 }
 
 }  // namespace

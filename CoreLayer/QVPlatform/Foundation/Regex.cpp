@@ -8,7 +8,7 @@
 #include <limits>
 #include <list>
 #include <mutex>
-#include <optional>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -21,6 +21,10 @@ struct Regex::Impl {
     // share a compiled pattern.
     std::mutex mutex;
     std::unique_ptr<icu::RegexMatcher> matcher;
+    // Text every whole match starts with (see literalPrefix); empty when none is known.
+    std::string prefix;
+    // The prefix is the whole pattern: a subject matches exactly when it equals the prefix.
+    bool literal = false;
 };
 
 namespace {
@@ -53,8 +57,57 @@ bool toUnicode(const std::string& utf8, icu::UnicodeString& out) {
     return true;
 }
 
+// Escaped characters that stand for themselves.
+bool isEscapedLiteral(char c) {
+    return std::string_view(".-/_:,+*?()[]{}|^$\\").find(c) != std::string_view::npos;
+}
+
+bool isPlainLiteral(char c) {
+    const auto u = static_cast<unsigned char>(c);
+    return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') ||
+           std::string_view("/_-:,@=").find(c) != std::string_view::npos;
+}
+
+// The literal text a case-sensitive pattern starts with, so that a subject that does not start
+// with it is refused without running the matcher ("/dev/cu\.ttyACM[0-9]+" gives
+// "/dev/cu.ttyACM"). Conservative: plain ASCII letters, digits and a few punctuation marks, and
+// escaped punctuation; it ends at the first other character, and a character that a quantifier
+// follows is left out. A pattern with "|" anywhere has no prefix (an alternative may start
+// differently). `whole` tells whether the prefix is all of the pattern.
+std::string literalPrefix(std::string_view pattern, bool& whole) {
+    std::string prefix;
+    whole = false;
+    if (pattern.find('|') != std::string_view::npos) {
+        return prefix;
+    }
+    std::size_t i = 0;
+    while (i < pattern.size()) {
+        char literal = 0;
+        std::size_t next = i;
+        if (isPlainLiteral(pattern[i])) {
+            literal = pattern[i];
+            next = i + 1;
+        } else if (pattern[i] == '\\' && i + 1 < pattern.size() &&
+                   isEscapedLiteral(pattern[i + 1])) {
+            literal = pattern[i + 1];
+            next = i + 2;
+        } else {
+            break;
+        }
+        if (next < pattern.size() &&
+            std::string_view("*+?{").find(pattern[next]) != std::string_view::npos) {
+            break;
+        }
+        prefix += literal;
+        i = next;
+    }
+    whole = i == pattern.size();
+    return prefix;
+}
+
 // Least recently used patterns leave first. A pattern that does not compile is remembered too,
-// with its error, so a bad rules file is not compiled again at every check.
+// with its error, so a bad rules file is not compiled again at every check. Looked up by the
+// pattern itself, one index per letter-case mode, so a hit builds no key.
 class RegexCache {
   public:
     struct Compiled {
@@ -62,34 +115,53 @@ class RegexCache {
         std::string error;
     };
 
-    std::optional<Compiled> find(const std::string& key) {
+    // Whether the pattern is known; if so, its regex (nullptr when it does not compile) and,
+    // when asked, its error.
+    bool find(bool caseInsensitive, const std::string& pattern, std::shared_ptr<const Regex>& regex,
+              std::string* error) {
         std::lock_guard<std::mutex> lock(mutex_);
-        auto it = index_.find(key);
-        if (it == index_.end()) {
-            return std::nullopt;
+        Index& index = index_[caseInsensitive ? 1 : 0];
+        auto it = index.find(pattern);
+        if (it == index.end()) {
+            return false;
         }
-        order_.splice(order_.begin(), order_, it->second);
-        return it->second->second;
+        if (it->second != order_.begin()) {
+            order_.splice(order_.begin(), order_, it->second);
+        }
+        const Compiled& compiled = it->second->compiled;
+        regex = compiled.regex;
+        if (error != nullptr && !compiled.regex) {
+            *error = compiled.error;
+        }
+        return true;
     }
 
-    void insert(const std::string& key, Compiled compiled) {
+    void insert(bool caseInsensitive, const std::string& pattern, Compiled compiled) {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (index_.count(key) != 0) {
+        Index& index = index_[caseInsensitive ? 1 : 0];
+        if (index.count(pattern) != 0) {
             return;
         }
-        order_.emplace_front(key, std::move(compiled));
-        index_[key] = order_.begin();
+        order_.push_front(Slot{caseInsensitive, pattern, std::move(compiled)});
+        index.emplace(pattern, order_.begin());
         if (order_.size() > kCapacity) {
-            index_.erase(order_.back().first);
+            const Slot& last = order_.back();
+            index_[last.caseInsensitive ? 1 : 0].erase(last.pattern);
             order_.pop_back();
         }
     }
 
   private:
+    struct Slot {
+        bool caseInsensitive;
+        std::string pattern;
+        Compiled compiled;
+    };
+    using Index = std::unordered_map<std::string, std::list<Slot>::iterator>;
     static constexpr std::size_t kCapacity = 128;
     std::mutex mutex_;
-    std::list<std::pair<std::string, Compiled>> order_;
-    std::unordered_map<std::string, std::list<std::pair<std::string, Compiled>>::iterator> index_;
+    std::list<Slot> order_;
+    Index index_[2];
 };
 
 RegexCache& regexCache() {
@@ -103,18 +175,18 @@ Regex::~Regex() = default;
 
 std::shared_ptr<const Regex> Regex::compileCached(const std::string& pattern, bool caseInsensitive,
                                                   std::string* error) {
-    std::string key = (caseInsensitive ? "i:" : "s:") + pattern;
-    auto cached = regexCache().find(key);
-    if (!cached) {
-        RegexCache::Compiled compiled;
-        compiled.regex = compile(pattern, caseInsensitive, &compiled.error);
-        regexCache().insert(key, compiled);
-        cached = std::move(compiled);
+    std::shared_ptr<const Regex> regex;
+    if (regexCache().find(caseInsensitive, pattern, regex, error)) {
+        return regex;
     }
-    if (!cached->regex && error != nullptr) {
-        *error = cached->error;
+    RegexCache::Compiled compiled;
+    compiled.regex = compile(pattern, caseInsensitive, &compiled.error);
+    if (!compiled.regex && error != nullptr) {
+        *error = compiled.error;
     }
-    return cached->regex;
+    regex = compiled.regex;
+    regexCache().insert(caseInsensitive, pattern, std::move(compiled));
+    return regex;
 }
 
 std::shared_ptr<const Regex> Regex::compile(const std::string& pattern, bool caseInsensitive,
@@ -140,6 +212,9 @@ std::shared_ptr<const Regex> Regex::compile(const std::string& pattern, bool cas
     std::shared_ptr<Regex> regex(new Regex());
     regex->impl_ = std::make_unique<Impl>();
     regex->impl_->pattern = std::move(compiled);
+    if (!caseInsensitive) {
+        regex->impl_->prefix = literalPrefix(pattern, regex->impl_->literal);
+    }
     regex->pattern_ = pattern;
     return regex;
 }
@@ -151,6 +226,14 @@ Regex::Result Regex::matchesWhole(const std::string& subject) const {
     char16_t wide[kShortSubject];
     icu::UnicodeString text;
     if (subject.size() <= kShortSubject && isASCII(subject)) {
+        // A whole match starts at the subject's start, with the pattern's literal prefix.
+        const std::string& prefix = impl_->prefix;
+        if (impl_->literal) {
+            return subject == prefix ? Result::Match : Result::NoMatch;
+        }
+        if (subject.compare(0, prefix.size(), prefix) != 0) {
+            return Result::NoMatch;
+        }
         std::copy(subject.begin(), subject.end(), wide);
         text = icu::UnicodeString(false, wide, static_cast<int32_t>(subject.size()));
     } else if (!toUnicode(subject, text)) {

@@ -1,6 +1,8 @@
 #include "UTF8.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 
 namespace qv {
 
@@ -8,6 +10,18 @@ bool isValidUTF8(std::string_view bytes) {
     std::size_t i = 0;
     const std::size_t n = bytes.size();
     while (i < n) {
+        // Runs of ASCII (most of any text the framework reads) are passed eight bytes at a time.
+        while (n - i >= sizeof(std::uint64_t)) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, bytes.data() + i, sizeof word);
+            if ((word & 0x8080808080808080ULL) != 0) {
+                break;
+            }
+            i += sizeof word;
+        }
+        if (i >= n) {
+            break;
+        }
         const auto c = static_cast<unsigned char>(bytes[i]);
         if (c < 0x80) {
             ++i;

@@ -19,10 +19,22 @@ Dictionary::Dictionary(std::initializer_list<Entry> entries) {
     }
 }
 
+Dictionary::Dictionary(const Dictionary& other)
+    : entries_(other.entries_),
+      index_(other.indexed() ? std::make_unique<Index>(*other.index_) : nullptr) {}
+
+Dictionary& Dictionary::operator=(const Dictionary& other) {
+    if (this != &other) {
+        entries_ = other.entries_;
+        index_ = other.indexed() ? std::make_unique<Index>(*other.index_) : nullptr;
+    }
+    return *this;
+}
+
 std::ptrdiff_t Dictionary::position(std::string_view key) const {
-    if (!index_.empty()) {
-        auto it = index_.find(key);
-        return it == index_.end() ? -1 : static_cast<std::ptrdiff_t>(it->second);
+    if (indexed()) {
+        auto it = index_->find(key);
+        return it == index_->end() ? -1 : static_cast<std::ptrdiff_t>(it->second);
     }
     for (std::size_t i = 0; i < entries_.size(); ++i) {
         if (entries_[i].first == key) {
@@ -33,13 +45,14 @@ std::ptrdiff_t Dictionary::position(std::string_view key) const {
 }
 
 void Dictionary::rebuildIndex() {
-    index_.clear();
+    index_.reset();
     if (entries_.size() <= kIndexThreshold) {
         return;
     }
-    index_.reserve(entries_.size());
+    index_ = std::make_unique<Index>();
+    index_->reserve(entries_.size());
     for (std::size_t i = 0; i < entries_.size(); ++i) {
-        index_.emplace(entries_[i].first, i);
+        index_->emplace(entries_[i].first, i);
     }
 }
 
@@ -59,8 +72,8 @@ void Dictionary::set(std::string key, Value value) {
         return;
     }
     entries_.emplace_back(std::move(key), std::move(value));
-    if (!index_.empty()) {
-        index_.emplace(entries_.back().first, entries_.size() - 1);
+    if (indexed()) {
+        index_->emplace(entries_.back().first, entries_.size() - 1);
     } else if (entries_.size() > kIndexThreshold) {
         rebuildIndex();
     }
@@ -69,8 +82,21 @@ void Dictionary::set(std::string key, Value value) {
 void Dictionary::addNew(std::string key, Value value) {
     assert(find(key) == nullptr);
     entries_.emplace_back(std::move(key), std::move(value));
-    if (!index_.empty()) {
-        index_.emplace(entries_.back().first, entries_.size() - 1);
+    if (indexed()) {
+        index_->emplace(entries_.back().first, entries_.size() - 1);
+    }
+}
+
+void Dictionary::setFirst(std::string key, Value value) {
+    const std::ptrdiff_t i = position(key);
+    if (i < 0) {
+        entries_.emplace(entries_.begin(), std::move(key), std::move(value));
+    } else {
+        entries_[static_cast<std::size_t>(i)].second = std::move(value);
+        std::rotate(entries_.begin(), entries_.begin() + i, entries_.begin() + i + 1);
+    }
+    if (i != 0 && (indexed() || entries_.size() > kIndexThreshold)) {
+        rebuildIndex();
     }
 }
 
@@ -80,7 +106,7 @@ bool Dictionary::erase(std::string_view key) {
         return false;
     }
     entries_.erase(entries_.begin() + i);
-    if (!index_.empty()) {
+    if (indexed()) {
         rebuildIndex();
     }
     return true;
@@ -93,7 +119,7 @@ void Dictionary::reserve(std::size_t count) {
 
 void Dictionary::clear() {
     entries_.clear();
-    index_.clear();
+    index_.reset();
 }
 std::size_t Dictionary::size() const {
     return entries_.size();

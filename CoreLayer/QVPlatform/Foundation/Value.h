@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -38,6 +39,11 @@ class Dictionary {
 
     Dictionary() = default;
     Dictionary(std::initializer_list<Entry> entries);
+    Dictionary(const Dictionary& other);
+    Dictionary& operator=(const Dictionary& other);
+    Dictionary(Dictionary&&) noexcept = default;
+    Dictionary& operator=(Dictionary&&) noexcept = default;
+    ~Dictionary() = default;
 
     const Value* find(std::string_view key) const;
     Value* find(std::string_view key);
@@ -47,6 +53,8 @@ class Dictionary {
     // search set() makes, and without building the lookup index for a dictionary that is about
     // to be written out rather than searched. Lookups stay correct either way.
     void addNew(std::string key, Value value);
+    // Sets the key's value and gives the key the first place; the other keys keep their order.
+    void setFirst(std::string key, Value value);
     bool erase(std::string_view key);
     void clear();
     // Room for `count` entries, for a dictionary about to be filled.
@@ -73,10 +81,13 @@ class Dictionary {
     std::ptrdiff_t position(std::string_view key) const;
     void rebuildIndex();
 
+    bool indexed() const { return index_ != nullptr && !index_->empty(); }
+
     std::vector<Entry> entries_;
-    // key -> position in entries_: either empty (a small dictionary, or one filled by addNew)
-    // or complete.
-    Index index_;
+    // key -> position in entries_: either absent or empty (a small dictionary, or one filled by
+    // addNew) or complete. Held apart so that a value, and each entry of every dictionary, stays
+    // small.
+    std::unique_ptr<Index> index_;
 };
 
 class Value {

@@ -70,6 +70,11 @@ std::string checkIntegerText(std::string_view text) {
     return {};
 }
 
+// Tag names are ASCII: the locale has no say.
+bool isASCIIAlnum(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
+
 // The '>' that ends the tag opened at `from`, skipping quoted attribute values (a quoted "/>"
 // does not make a tag empty).
 std::size_t tagEnd(std::string_view xml, std::size_t from) {
@@ -95,31 +100,36 @@ std::string scanXML(std::string_view xml) {
     std::size_t i = xml.find('<');
     while (i != std::string_view::npos) {
         std::size_t close = std::string_view::npos;
-        if (startsWith(xml, i, "<!--")) {
+        // Only "<!" and "<?" can open a comment, CDATA or an instruction; testing the second
+        // character first spares the three comparisons for every ordinary tag.
+        const char marker = i + 1 < xml.size() ? xml[i + 1] : '\0';
+        const bool special = marker == '!' || marker == '?';
+        if (special && startsWith(xml, i, "<!--")) {
             close = xml.find("-->", i + 4);
             if (close != std::string_view::npos) {
                 close += 2;
             }
-        } else if (startsWith(xml, i, "<![CDATA[")) {
+        } else if (special && startsWith(xml, i, "<![CDATA[")) {
             close = xml.find("]]>", i + 9);
             if (close != std::string_view::npos) {
                 close += 2;
             }
-        } else if (startsWith(xml, i, "<?")) {
+        } else if (marker == '?') {
             close = xml.find("?>", i + 2);
             if (close != std::string_view::npos) {
                 close += 1;
             }
         } else {
-            close = tagEnd(xml, i + 1);
-            if (close == std::string_view::npos) {
-                break;
-            }
-            const bool closing = i + 1 < xml.size() && xml[i + 1] == '/';
+            const bool closing = marker == '/';
             const std::size_t nameStart = i + (closing ? 2 : 1);
             std::size_t nameEnd = nameStart;
-            while (nameEnd < close && std::isalnum(static_cast<unsigned char>(xml[nameEnd])) != 0) {
+            while (nameEnd < xml.size() && isASCIIAlnum(xml[nameEnd])) {
                 ++nameEnd;
+            }
+            // The name holds no quote and no '>', so the tag's end is searched for after it.
+            close = tagEnd(xml, nameEnd);
+            if (close == std::string_view::npos) {
+                break;
             }
             const std::string_view name = xml.substr(nameStart, nameEnd - nameStart);
             const bool empty = xml[close - 1] == '/';

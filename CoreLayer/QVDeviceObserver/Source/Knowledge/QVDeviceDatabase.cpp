@@ -32,7 +32,18 @@ constexpr std::array<std::pair<const char*, int>, 15> kManufacturers = {{
 
 }  // namespace
 
-QVDeviceDatabase::QVDeviceDatabase() : _namesToIDs(manufacturerNamesToIDs()) {}
+namespace {
+
+// Built once; each database takes a copy (one allocation instead of a dictionary grown key by
+// key).
+const qv::Dictionary& sharedManufacturerTable() {
+    static const qv::Dictionary table = QVDeviceDatabase::manufacturerNamesToIDs();
+    return table;
+}
+
+}  // namespace
+
+QVDeviceDatabase::QVDeviceDatabase() : _namesToIDs(sharedManufacturerTable()) {}
 
 QVDeviceDatabase::~QVDeviceDatabase() {
     for (const auto& entry : _entries) {
@@ -54,6 +65,8 @@ std::shared_ptr<QVDeviceDatabase> QVDeviceDatabase::databaseFromPropertyListStri
     }
     // The parsed tree is thrown away after this: its members are moved into the entries.
     if (qv::Array* members = parsed.value.asArray()) {
+        database->_entries.reserve(members->size());
+        database->_firstEntryForID.reserve(members->size());
         for (qv::Value& member : *members) {
             database->addEntry(QVDeviceDatabaseEntry::entryFromDictionary(std::move(member)));
         }

@@ -1,6 +1,7 @@
 #include "Knowledge/QVDeviceDatabaseEntry.h"
 
 #include <array>
+#include <atomic>
 
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
@@ -88,6 +89,27 @@ QVDeviceDatabaseEntry::~QVDeviceDatabaseEntry() {
     _database = nullptr;
 }
 
+struct QVDeviceDatabaseEntry::OrderedData {
+    qv::Dictionary pairs;
+};
+
+QVDeviceDatabaseEntry::QVDeviceDatabaseEntry(std::uint32_t quorvelID, OrderedData&& data)
+    : _quorvelID(quorvelID), _deviceData(std::move(data.pairs)) {}
+
+namespace {
+
+// The order an entry made by the constructor and then filled key by key would have: the ancestor
+// key first (created with the entry as -1, then overwritten in place by the dictionary's own
+// value), then every other key in the dictionary's order.
+qv::Dictionary entryOrder(qv::Dictionary pairs) {
+    qv::Value* ancestor = pairs.find(Keys::kAncestorQuorvelID);
+    qv::Value first = ancestor != nullptr ? std::move(*ancestor) : qv::Value(-1);
+    pairs.setFirst(std::string(Keys::kAncestorQuorvelID), std::move(first));
+    return pairs;
+}
+
+}  // namespace
+
 std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionary(
     const qv::Value& dictionary) {
     const qv::Dictionary* pairs = dictionary.asDictionary();
@@ -96,11 +118,8 @@ std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionar
         throw qv::Exception(qv::kNSInternalInconsistencyException,
                             qv::format("QuorvelID not found in dictionary: %@", dictionary));
     }
-    auto entry = entryWithQuorvelID(static_cast<std::uint32_t>(id->intValue()));
-    for (const auto& [key, value] : *pairs) {
-        entry->setObject(value, key);
-    }
-    return entry;
+    return std::make_shared<QVDeviceDatabaseEntry>(static_cast<std::uint32_t>(id->intValue()),
+                                                   OrderedData{entryOrder(*pairs)});
 }
 
 std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionary(
@@ -110,22 +129,37 @@ std::shared_ptr<QVDeviceDatabaseEntry> QVDeviceDatabaseEntry::entryFromDictionar
     if (id == nullptr) {
         return entryFromDictionary(static_cast<const qv::Value&>(dictionary));  // raises
     }
-    auto entry = entryWithQuorvelID(static_cast<std::uint32_t>(id->intValue()));
-    entry->_deviceData.reserve(pairs->size() + 1);
-    for (const auto& [key, value] : *pairs) {
-        // The dictionary is ours (moved in): its values may be taken; only the key order is
-        // read from it.
-        entry->setObject(std::move(const_cast<qv::Value&>(value)), key);
-    }
-    return entry;
+    // Read before the keys are taken: the ID's own key is one of them.
+    const auto quorvelID = static_cast<std::uint32_t>(id->intValue());
+    // The dictionary is ours (moved in): it becomes the entry's own.
+    return std::make_shared<QVDeviceDatabaseEntry>(
+        quorvelID, OrderedData{entryOrder(std::move(*dictionary.asDictionary()))});
 }
 
 std::string QVDeviceDatabaseEntry::description() const {
     return qv::Value(_deviceData).description();
 }
 
+namespace {
+
+// Counts changes to any entry or to any entry's database: a port layout read at one count is
+// still right as long as the count has not moved. Starts at 1 so that 0 means "never read".
+std::atomic<std::uint64_t> gChanges{1};
+
+void noteChange() {
+    gChanges.fetch_add(1, std::memory_order_relaxed);
+}
+
+}  // namespace
+
 void QVDeviceDatabaseEntry::setObject(qv::Value object, std::string key) {
+    noteChange();
     _deviceData.set(std::move(key), std::move(object));
+}
+
+void QVDeviceDatabaseEntry::setDatabase(QVDeviceDatabase* database) {
+    noteChange();
+    _database = database;
 }
 
 const QVDeviceDatabaseEntry* QVDeviceDatabaseEntry::nextInChain(std::size_t& climbs) const {
@@ -306,6 +340,26 @@ QVDeviceDatabaseEntry::portIdentificationPatternsAndCapabilities() const {
 bool QVDeviceDatabaseEntry::isMissingPortMappings() const {
     // The walk's result is empty exactly when port 0 has no pattern.
     return !hasPortIdentificationPatternAndCapabilitiesAtIndex(0);
+}
+
+std::shared_ptr<const QVDatabasePortLayout> QVDeviceDatabaseEntry::portLayout() const {
+    const std::uint64_t now = gChanges.load(std::memory_order_relaxed);
+    if (_portLayoutGeneration == now) {
+        return _portLayout;
+    }
+    std::shared_ptr<QVDatabasePortLayout> layout;
+    try {
+        layout = std::make_shared<QVDatabasePortLayout>();
+        layout->strategy = portIdentificationStrategy();
+        layout->ports = portIdentificationPatternsAndCapabilities();
+        layout->ethernetCapabilities = ethernetInterfaceCapabilitiesAtIndex(0);
+    } catch (const qv::Exception&) {
+        // A broken chain: nothing kept but the fact, until something changes.
+        layout = nullptr;
+    }
+    _portLayout = std::move(layout);
+    _portLayoutGeneration = now;
+    return _portLayout;
 }
 
 bool QVDeviceDatabaseEntry::isPortRequired(std::uint32_t port) const {

@@ -52,6 +52,15 @@ struct QVDatabasePortDescription {
     qv::Value toDictionary() const;
 };
 
+// Everything port classification reads from an entry, resolved through the ancestors once:
+// the strategy (portIdentificationStrategy()), the described ports
+// (portIdentificationPatternsAndCapabilities()) and the capabilities of network interface 0.
+struct QVDatabasePortLayout {
+    qv::Value strategy;
+    std::vector<QVDatabasePortDescription> ports;
+    QVCapabilitySet ethernetCapabilities;
+};
+
 class QVDeviceDatabaseEntry : public qv::Object {
   public:
     // entryWithQuorvelID: / initWithQuorvelID: - empty data but for the ancestor, set to -1.
@@ -70,7 +79,7 @@ class QVDeviceDatabaseEntry : public qv::Object {
     static std::shared_ptr<QVDeviceDatabaseEntry> entryFromDictionary(qv::Value&& dictionary);
 
     std::uint32_t quorvelID() const { return _quorvelID; }
-    void setDatabase(QVDeviceDatabase* database) { _database = database; }
+    void setDatabase(QVDeviceDatabase* database);
     QVDeviceDatabase* database() const { return _database; }
     // The description of the entry's own data dictionary.
     std::string description() const override;
@@ -135,6 +144,10 @@ class QVDeviceDatabaseEntry : public qv::Object {
     bool deviceShouldHaveSerialPorts() const { return !isMissingPortMappings(); }
     // YES unless the port's capabilities hold "Optional".
     bool isPortRequired(std::uint32_t port) const;
+    // The layout as the accessors above answer it now, kept until an entry or database changes
+    // (any entry's setObject, any setDatabase). nullptr when reading it raises (an ancestor is
+    // missing or the chain loops): callers then read key by key and raise where they always did.
+    std::shared_ptr<const QVDatabasePortLayout> portLayout() const;
 
     // ---- flags ----
     // YES only for the string "YES" (a boolean true does not count); NO when absent.
@@ -160,6 +173,10 @@ class QVDeviceDatabaseEntry : public qv::Object {
         return expandCapabilitiesShortcut(word) != nullptr;
     }
 
+    // Only this class can name the type: the data must already have the ancestor key first.
+    struct OrderedData;
+    QVDeviceDatabaseEntry(std::uint32_t quorvelID, OrderedData&& data);
+
   private:
     // The entry a lookup that missed here goes on to, or nullptr at the end of the chain.
     // Raises the missing-entry exception for a missing ancestor or after `climbs` exceeds the
@@ -170,4 +187,7 @@ class QVDeviceDatabaseEntry : public qv::Object {
     std::uint32_t _quorvelID;
     qv::Dictionary _deviceData;
     QVDeviceDatabase* _database = nullptr;
+    // portLayout()'s answer and the change count it was read at (0: never read).
+    mutable std::shared_ptr<const QVDatabasePortLayout> _portLayout;
+    mutable std::uint64_t _portLayoutGeneration = 0;
 };

@@ -113,8 +113,13 @@ bool QVUSBDevice::couldClassifyPortsFromIODevice(const QVIODevice& ioDevice,
     qv::logRecognition("==> Ethernet interface name: %@",
                        ownName ? qv::FormatArg(*ownName) : qv::FormatArg(nullptr));
     QVCapabilitySet capabilities = {kQVCapabilityDataTransport};
-    if (databaseEntry()) {
-        capabilities.merge(databaseEntry()->ethernetInterfaceCapabilitiesAtIndex(0));
+    if (const auto& entry = databaseEntry()) {
+        if (const auto layout = entry->portLayout()) {
+            capabilities.insert(layout->ethernetCapabilities.begin(),
+                                layout->ethernetCapabilities.end());
+        } else {
+            capabilities.merge(entry->ethernetInterfaceCapabilitiesAtIndex(0));
+        }
     }
     addInterface(
         QVEthernetInterface::ethernetInterfaceWithCapabilities(capabilities, *interfaceName));
@@ -127,6 +132,11 @@ bool QVUSBDevice::couldIdentifySerialPortsFromIODevice(const QVIODevice& ioDevic
     if (!entry) {
         return false;
     }
+    if (const auto layout = entry->portLayout()) {
+        return couldIdentifySerialPortsByLayout(ioDevice, *layout);
+    }
+    // The entry's chain is broken: read key by key, so the lookup that fails raises at the same
+    // point (after the same log lines and ports) as it always has.
     bool found = false;
     for (std::uint32_t index = 0; entry->hasPortIdentificationPatternAndCapabilitiesAtIndex(index);
          ++index) {
@@ -146,6 +156,39 @@ bool QVUSBDevice::couldIdentifySerialPortsFromIODevice(const QVIODevice& ioDevic
             path = alternativePath;
         }
         addCapabilities(entry->portIdentificationCapabilitiesAtIndex(index), *path);
+        found = true;
+    }
+    return found;
+}
+
+// The same walk as above on the entry's layout read once: main pattern, then the alternatives
+// (always tried, for their log lines), the same choice and the same log lines.
+bool QVUSBDevice::couldIdentifySerialPortsByLayout(const QVIODevice& ioDevice,
+                                                   const QVDatabasePortLayout& layout) {
+    bool found = false;
+    for (const QVDatabasePortDescription& port : layout.ports) {
+        const auto mainPath = portWithPatternByStrategy(ioDevice, layout.strategy, port.pattern);
+        std::optional<std::string> alternativePath;
+        for (const qv::Value& alternative : port.alternativePatterns) {
+            alternativePath = portWithPatternByStrategy(ioDevice, layout.strategy, alternative);
+            if (alternativePath) {
+                break;
+            }
+        }
+        std::optional<std::string> path = mainPath;
+        if (!mainPath && !alternativePath) {
+            if (port.required) {
+                qv::logRecognition("Neither main port or alternative port could be found...");
+                return false;
+            }
+            continue;
+        }
+        if (!mainPath) {
+            qv::logRecognition("Main port not found. Using alternative port: \"%@\"",
+                               *alternativePath);
+            path = alternativePath;
+        }
+        addCapabilities(port.capabilities, *path);
         found = true;
     }
     return found;
@@ -201,7 +244,16 @@ std::optional<std::string> QVUSBDevice::portFromIODeviceWithPattern(
     if (pattern.isNil() || !entry) {
         return std::nullopt;
     }
-    const std::string* strategy = entry->portIdentificationStrategy().asString();
+    return portWithPatternByStrategy(ioDevice, entry->portIdentificationStrategy(), pattern);
+}
+
+std::optional<std::string> QVUSBDevice::portWithPatternByStrategy(const QVIODevice& ioDevice,
+                                                                  const qv::Value& strategyValue,
+                                                                  const qv::Value& pattern) const {
+    if (pattern.isNil()) {
+        return std::nullopt;
+    }
+    const std::string* strategy = strategyValue.asString();
     if (strategy == nullptr) {
         return std::nullopt;
     }
@@ -266,9 +318,10 @@ bool QVUSBDevice::doesString(const std::string& string, const std::string& regex
 std::shared_ptr<QVSerialInterface> QVUSBDevice::interfaceWithPortPath(
     const std::string& path) const {
     for (const auto& interface : interfaces()) {
-        auto port = std::dynamic_pointer_cast<QVSerialInterface>(interface);
-        if (port && port->path() == path) {
-            return port;
+        // Cast the plain pointer first: a shared one is only made for the port that matches.
+        const auto* port = dynamic_cast<const QVSerialInterface*>(interface.get());
+        if (port != nullptr && port->path() == path) {
+            return std::static_pointer_cast<QVSerialInterface>(interface);
         }
     }
     return nullptr;

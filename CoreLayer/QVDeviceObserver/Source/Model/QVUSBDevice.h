@@ -19,6 +19,7 @@
 #include "Model/QVDevice.h"
 
 class QVIODevice;
+struct QVDatabasePortLayout;
 
 class QVUSBDevice : public QVDevice {
   public:
@@ -96,6 +97,12 @@ class QVUSBDevice : public QVDevice {
     static std::shared_ptr<QVUSBDevice> initWithCoder(qv::KeyedUnarchiver& coder);
 
   protected:
+    bool couldIdentifySerialPortsByLayout(const QVIODevice& ioDevice,
+                                          const QVDatabasePortLayout& layout);
+    // portFromIODeviceWithPattern with the strategy given instead of read from the entry.
+    std::optional<std::string> portWithPatternByStrategy(const QVIODevice& ioDevice,
+                                                         const qv::Value& strategy,
+                                                         const qv::Value& pattern) const;
     bool isKindOfReceiverClass(const qv::Object& other) const override;
     std::shared_ptr<QVDevice> makeEmptyOfSameClass() const override;
     void readDictionary(const qv::Value& dictionary) override;
