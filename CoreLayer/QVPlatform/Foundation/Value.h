@@ -159,10 +159,6 @@ class Value {
 
     // Mutation. set() turns a nil value into an empty dictionary first, append() into an array.
     void set(std::string key, Value value);
-    // For a key the caller has made unique (a record's numbered keys): appended without the
-    // search set() makes, and without building the lookup index for a dictionary that is about
-    // to be written out rather than searched. Lookups stay correct either way.
-    void addNew(std::string key, Value value);
     void append(Value value);
 
     bool operator==(const Value& other) const;
