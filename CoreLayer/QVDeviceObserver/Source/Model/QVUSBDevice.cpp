@@ -44,6 +44,17 @@ bool pathEndsWith(const std::string& path, const std::string& ending) {
     return head.caseCompare(fromUTF16(reversedEnding), U_FOLD_CASE_DEFAULT) == 0;
 }
 
+// The path a described port gets: the main pattern's, else the alternative's (which the log
+// tells); nullopt when neither was found.
+std::optional<std::string> chosenPortPath(const std::optional<std::string>& mainPath,
+                                          const std::optional<std::string>& alternativePath) {
+    if (mainPath || !alternativePath) {
+        return mainPath;
+    }
+    qv::logRecognition("Main port not found. Using alternative port: \"%@\"", *alternativePath);
+    return alternativePath;
+}
+
 }  // namespace
 
 std::shared_ptr<QVUSBDevice> QVUSBDevice::device() {
@@ -142,18 +153,13 @@ bool QVUSBDevice::couldIdentifySerialPortsFromIODevice(const QVIODevice& ioDevic
          ++index) {
         const auto mainPath = getPortPathForAtIndex(index, ioDevice, false);
         const auto alternativePath = getPortPathForAtIndex(index, ioDevice, true);
-        std::optional<std::string> path = mainPath;
-        if (!mainPath && !alternativePath) {
+        const std::optional<std::string> path = chosenPortPath(mainPath, alternativePath);
+        if (!path) {
             if (entry->isPortRequired(index)) {
                 qv::logRecognition("Neither main port or alternative port could be found...");
                 return false;
             }
             continue;
-        }
-        if (!mainPath) {
-            qv::logRecognition("Main port not found. Using alternative port: \"%@\"",
-                               *alternativePath);
-            path = alternativePath;
         }
         addCapabilities(entry->portIdentificationCapabilitiesAtIndex(index), *path);
         found = true;
@@ -175,18 +181,13 @@ bool QVUSBDevice::couldIdentifySerialPortsByLayout(const QVIODevice& ioDevice,
                 break;
             }
         }
-        std::optional<std::string> path = mainPath;
-        if (!mainPath && !alternativePath) {
+        const std::optional<std::string> path = chosenPortPath(mainPath, alternativePath);
+        if (!path) {
             if (port.required) {
                 qv::logRecognition("Neither main port or alternative port could be found...");
                 return false;
             }
             continue;
-        }
-        if (!mainPath) {
-            qv::logRecognition("Main port not found. Using alternative port: \"%@\"",
-                               *alternativePath);
-            path = alternativePath;
         }
         addCapabilities(port.capabilities, *path);
         found = true;
