@@ -36,6 +36,7 @@
 #include "Recognition/QVDeviceMonitor.h"
 #include "RunLoop/GLibRunLoop.h"
 #include "Support/ToolRunner.h"
+#include "Support/UmockdevTest.h"
 
 #ifdef QV_MODEM_SIMULATOR_PATH
 constexpr const char* kModemSimulatorPath = QV_MODEM_SIMULATOR_PATH;
@@ -68,15 +69,14 @@ class RecordingApplication : public QVDeviceObserverDelegate {
     std::vector<std::shared_ptr<QVDevice>> missing;
 };
 
-class LiveFrameworkUmockdev : public ::testing::Test {
+class LiveFrameworkUmockdev : public UmockdevTest {
   protected:
     void SetUp() override {
-        const char* preload = std::getenv("LD_PRELOAD");
-        if (preload == nullptr || std::strstr(preload, "libumockdev-preload") == nullptr) {
-            GTEST_SKIP() << "run under umockdev-wrapper";
+        UmockdevTest::SetUp();
+        if (!testbedReady()) {
+            return;
         }
-        testbed_ = umockdev_testbed_new();
-        ASSERT_TRUE(umockdev_in_mock_environment());
+        ready_ = true;
         // The host's loop: a thread-default context, as a GLib application has one.
         context_ = g_main_context_new();
         g_main_context_push_thread_default(context_);
@@ -90,7 +90,8 @@ class LiveFrameworkUmockdev : public ::testing::Test {
     }
 
     void TearDown() override {
-        if (testbed_ == nullptr) {
+        if (!ready_) {
+            UmockdevTest::TearDown();
             return;
         }
         if (observer_) {
@@ -107,7 +108,7 @@ class LiveFrameworkUmockdev : public ::testing::Test {
         loop_.reset();
         g_main_context_pop_thread_default(context_);
         g_main_context_unref(context_);
-        g_object_unref(testbed_);
+        UmockdevTest::TearDown();
     }
 
     void startObserver() {
@@ -163,8 +164,8 @@ class LiveFrameworkUmockdev : public ::testing::Test {
         return paths;
     }
 
-    UMockdevTestbed* testbed_ = nullptr;
     GMainContext* context_ = nullptr;
+    bool ready_ = false;  // SetUp went through: TearDown has a loop and a context to undo
     std::shared_ptr<qv::GLibRunLoop> loop_;
     std::shared_ptr<QVDeviceObserver> observer_;
     RecordingApplication application_;

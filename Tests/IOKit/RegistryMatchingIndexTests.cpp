@@ -10,20 +10,13 @@
 #include "IOKit/IOKitLib.h"
 #include "IOKit/Registry.h"
 #include "RunLoop/VirtualRunLoop.h"
+#include "Support/VirtualRegistryTest.h"
 
 namespace {
 
-class RegistryMatchingIndexTest : public ::testing::Test {
+// Each test gets a fresh process registry on a virtual run loop.
+class RegistryMatchingIndexTest : public VirtualRegistryTest {
   protected:
-    void SetUp() override {
-        qv::Registry::resetShared();
-        loop_ = std::make_shared<qv::VirtualRunLoop>();
-        qv::RunLoop::setCurrent(loop_);
-    }
-    void TearDown() override {
-        qv::RunLoop::setCurrent(nullptr);
-        qv::Registry::resetShared();
-    }
     qv::Registry& registry() { return qv::Registry::shared(); }
 
     // What a walk over the whole tree finds, in tree order.
@@ -36,8 +29,6 @@ class RegistryMatchingIndexTest : public ::testing::Test {
         }
         return found;
     }
-
-    std::shared_ptr<qv::VirtualRunLoop> loop_;
 };
 
 // Numbers of every kind the registry compares by value, and things that are no number.

@@ -7,22 +7,13 @@
 #include "IOKit/IOKitLib.h"
 #include "IOKit/Registry.h"
 #include "RunLoop/VirtualRunLoop.h"
+#include "Support/VirtualRegistryTest.h"
 
 namespace {
 
 // Each test gets a fresh process registry on a virtual run loop.
-class RegistryTest : public ::testing::Test {
+class RegistryTest : public VirtualRegistryTest {
   protected:
-    void SetUp() override {
-        qv::Registry::resetShared();
-        loop_ = std::make_shared<qv::VirtualRunLoop>();
-        qv::RunLoop::setCurrent(loop_);
-    }
-    void TearDown() override {
-        qv::RunLoop::setCurrent(nullptr);
-        qv::Registry::resetShared();
-    }
-
     qv::Registry& registry() { return qv::Registry::shared(); }
 
     io_registry_entry_t addUsb(int vendor, int product, int location) {
@@ -31,8 +22,6 @@ class RegistryTest : public ::testing::Test {
             qv::Value(qv::Dictionary{
                 {"idVendor", vendor}, {"idProduct", product}, {"locationID", location}}));
     }
-
-    std::shared_ptr<qv::VirtualRunLoop> loop_;
 };
 
 // Collects what a matching callback sees; the callback drains its iterator (which arms it).

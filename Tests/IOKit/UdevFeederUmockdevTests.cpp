@@ -17,26 +17,12 @@
 #include "IOKit/UdevFeeder.h"
 #include "RunLoop/GLibRunLoop.h"
 #include "Support/ToolRunner.h"
+#include "Support/UmockdevTest.h"
 
 namespace {
 
-class UdevFeederUmockdev : public ::testing::Test {
+class UdevFeederUmockdev : public UmockdevTest {
   protected:
-    void SetUp() override {
-        // The preload library only redirects once a testbed exists, so ask the environment first.
-        const char* preload = std::getenv("LD_PRELOAD");
-        if (preload == nullptr || std::strstr(preload, "libumockdev-preload") == nullptr) {
-            GTEST_SKIP() << "run under umockdev-wrapper";
-        }
-        testbed_ = umockdev_testbed_new();
-        ASSERT_TRUE(umockdev_in_mock_environment());
-    }
-    void TearDown() override {
-        if (testbed_ != nullptr) {
-            g_object_unref(testbed_);
-        }
-    }
-
     // A modem stick on bus 1, hub port 2, port 3, with three serial interfaces; the kernel named
     // the ttys out of interface order.
     std::string addStick() {
@@ -61,8 +47,6 @@ class UdevFeederUmockdev : public ::testing::Test {
         g_free(stick);
         return path;
     }
-
-    UMockdevTestbed* testbed_ = nullptr;
 };
 
 std::vector<std::string> ttysBelow(const qv::Registry::EntryView& device) {

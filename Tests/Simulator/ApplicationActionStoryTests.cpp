@@ -8,16 +8,11 @@
 using qvtest::eventsOf;
 using qvtest::firstTime;
 using qvtest::hasLogLine;
+using qvtest::huaweiE1750WithDriverCd;
 using qvtest::StickSpec;
 using qvtest::StoryBuilder;
 
 namespace {
-
-StickSpec e1750(const std::string& id = "stick", long long location = 0x1A100000) {
-    StickSpec stick = qvtest::huaweiE1750(id, location);
-    stick.cdrom = "sr0";
-    return stick;
-}
 
 qv::Json answeringModem(double latency = 0.25) {
     return {{"identify", {{"deviceId", 320}}},
@@ -35,15 +30,7 @@ qvdevice::SimulationResult play(const StoryBuilder& builder, const qv::Json& act
     for (const auto& action : actions) {
         json["timeline"].push_back(action);
     }
-    std::string error;
-    auto scenario = qvdevice::SimulationScenario::fromJson(json, &error);
-    if (!scenario) {
-        ADD_FAILURE() << "scenario refused: " << error;
-        return {};
-    }
-    auto result = qvdevice::Simulator::run(*scenario, until);
-    EXPECT_TRUE(result.ok) << result.error;
-    return result;
+    return qvtest::runScenario(json, until);
 }
 
 // Every event after `from` that is not the application's own action.
@@ -69,7 +56,7 @@ std::string refusal(const qv::Json& json) {
 TEST(ApplicationActionStory, AStopEndsAllWorkAndAStartBeginsAgain) {
     // The stick's ports appear only at 6 s: at the stop it is still pending.
     StoryBuilder builder;
-    builder.plugBare(1.0, e1750()).addPorts(6.0, e1750());
+    builder.plugBare(1.0, huaweiE1750WithDriverCd()).addPorts(6.0, huaweiE1750WithDriverCd());
     auto result =
         play(builder, {{{"at", 3.5}, {"app", "stop"}}, {{"at", 60.0}, {"app", "start"}}}, 70.0);
 
@@ -93,7 +80,7 @@ TEST(ApplicationActionStory, AStopEndsAllWorkAndAStartBeginsAgain) {
 
 TEST(ApplicationActionStory, PollingUnderWayEndsWithTheStop) {
     StoryBuilder builder;
-    builder.plug(1.0, e1750()).modem("ttyUSB2", answeringModem());
+    builder.plug(1.0, huaweiE1750WithDriverCd()).modem("ttyUSB2", answeringModem());
     auto result = play(builder,
                        {{{"at", 0.0}, {"app", "startQueue"}},
                         {{"at", 3.0}, {"app", {{"setDefaultDevice", 0}}}},
@@ -112,12 +99,12 @@ TEST(ApplicationActionStory, PollingUnderWayEndsWithTheStop) {
 
 TEST(ApplicationActionStory, RulesDefaultDeviceAndAutorepeatActAtTheirTime) {
     StoryBuilder builder;
-    StickSpec second = e1750();
+    StickSpec second = huaweiE1750WithDriverCd();
     second.id = "second";
     second.locationID = 0x1A200000;
     second.ttys = {"ttyUSB3", "ttyUSB4", "ttyUSB5"};
     second.cdrom.reset();
-    builder.plug(1.0, e1750())
+    builder.plug(1.0, huaweiE1750WithDriverCd())
         .plug(10.0, second)
         .modem("ttyUSB2", answeringModem())
         .modem("ttyUSB5", answeringModem(3.0));

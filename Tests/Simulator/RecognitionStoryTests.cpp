@@ -7,17 +7,11 @@
 using qvtest::eventsOf;
 using qvtest::firstTime;
 using qvtest::hasLogLine;
+using qvtest::huaweiE1750WithDriverCd;
 using qvtest::StickSpec;
 using qvtest::StoryBuilder;
 
 namespace {
-
-// Huawei E1750 in the table: Quorvel ID 320, one second of power-up delay.
-StickSpec e1750(const std::string& id = "stick", long long location = 0x1A100000) {
-    StickSpec stick = qvtest::huaweiE1750(id, location);
-    stick.cdrom = "sr0";
-    return stick;
-}
 
 qv::Json answeringModem(double latency = 0.25) {
     return {{"identify", {{"deviceId", 320}}},
@@ -43,7 +37,7 @@ std::vector<std::string> interfacePaths(const qv::Json& device) {
 
 TEST(RecognitionStory, AllowedStickIsAnnouncedEjectedInitialisedPolledAndReportedMissing) {
     auto result = StoryBuilder()
-                      .plug(1.0, e1750())
+                      .plug(1.0, huaweiE1750WithDriverCd())
                       .unplug(30.0, "stick")
                       .option("defaultDevice", 0)
                       .option("startQueue", true)
@@ -98,7 +92,7 @@ TEST(RecognitionStory, AllowedStickIsAnnouncedEjectedInitialisedPolledAndReporte
 
 TEST(RecognitionStory, RejectionsFollowTheDecisionTable) {
     // Not in the database (Huawei EC1260 has a table ID but no entry in the test database).
-    StickSpec ec1260 = e1750();
+    StickSpec ec1260 = huaweiE1750WithDriverCd();
     ec1260.productID = 0x140B;
     ec1260.cdrom.reset();
     auto notInDatabase = StoryBuilder().plug(1.0, ec1260).run(10.0);
@@ -109,7 +103,7 @@ TEST(RecognitionStory, RejectionsFollowTheDecisionTable) {
 
     // Forbidden by the rules.
     auto forbidden = StoryBuilder()
-                         .plug(1.0, e1750())
+                         .plug(1.0, huaweiE1750WithDriverCd())
                          .option("rules", qv::Json::array({{{"QuorvelID", 320}, {"Allowed", 0}}}))
                          .run(10.0);
     EXPECT_TRUE(hasLogLine(forbidden, "Device is recognized but not allowed. Throwing it away!"));
@@ -118,7 +112,7 @@ TEST(RecognitionStory, RejectionsFollowTheDecisionTable) {
 
     // ...unless the system is older than 10.5, which accepted devices the rules did not allow.
     auto lenient = StoryBuilder()
-                       .plug(1.0, e1750())
+                       .plug(1.0, huaweiE1750WithDriverCd())
                        .option("rules", qv::Json::array({{{"QuorvelID", 320}, {"Allowed", 0}}}))
                        .option("systemVersion", 0x104F)
                        .run(10.0);
@@ -126,7 +120,7 @@ TEST(RecognitionStory, RejectionsFollowTheDecisionTable) {
 
     // Rules that do not speak of the device.
     auto noRule = StoryBuilder()
-                      .plug(1.0, e1750())
+                      .plug(1.0, huaweiE1750WithDriverCd())
                       .option("rules", qv::Json::array({{{"QuorvelID", 4010}}}))
                       .run(10.0);
     EXPECT_TRUE(hasLogLine(noRule, "Device is recognized but no rule could be found for it"));
@@ -143,7 +137,10 @@ TEST(RecognitionStory, RejectionsFollowTheDecisionTable) {
 
 TEST(RecognitionStory, WaitsForPortsAndPowerUpAndTimesOutJustAfterThirtySeconds) {
     // Ports published 4.5 seconds after arrival: retried silently, announced at the next tick.
-    auto late = StoryBuilder().plugBare(1.0, e1750()).addPorts(5.5, e1750()).run(15.0);
+    auto late = StoryBuilder()
+                    .plugBare(1.0, huaweiE1750WithDriverCd())
+                    .addPorts(5.5, huaweiE1750WithDriverCd())
+                    .run(15.0);
     EXPECT_DOUBLE_EQ(firstTime(late, "monitor", "noteStartedIdentifyingDevice:"), 6.0);
     EXPECT_DOUBLE_EQ(firstTime(late, "monitor", "noteDeviceBecameAvailable:"), 6.0);
 
@@ -160,7 +157,7 @@ TEST(RecognitionStory, WaitsForPortsAndPowerUpAndTimesOutJustAfterThirtySeconds)
 
     // A Huawei product the table does not know: questioned after the wait, the modem does not
     // answer, so the device stays undecided until the handling time-out.
-    StickSpec unknown = e1750();
+    StickSpec unknown = huaweiE1750WithDriverCd();
     unknown.productID = 0x1001;  // shared by several models: Quorvel ID 0, two seconds of delay
     unknown.cdrom.reset();
     auto silent = StoryBuilder().plug(1.0, unknown).run(40.0);
@@ -190,7 +187,7 @@ TEST(RecognitionStory, WaitsForPortsAndPowerUpAndTimesOutJustAfterThirtySeconds)
 
 TEST(RecognitionStory, GenericRecognitionTakesUnlistedProductsOfKnownMakers) {
     // An unlisted Huawei product: standard recognition times out, the Huawei family takes it.
-    StickSpec huawei = e1750();
+    StickSpec huawei = huaweiE1750WithDriverCd();
     huawei.productID = 0x15FF;
     auto generic = StoryBuilder().plug(1.0, huawei).option("monitor", "generic").run(40.0);
     EXPECT_TRUE(qvtest::hasLogPrefix(generic, "Standard recognition timed out: "));
@@ -202,7 +199,7 @@ TEST(RecognitionStory, GenericRecognitionTakesUnlistedProductsOfKnownMakers) {
     EXPECT_FALSE(eventsOf(generic, "exec").empty());
 
     // An unlisted Option product is matched under the Option family without AT questioning.
-    StickSpec option = e1750("option");
+    StickSpec option = huaweiE1750WithDriverCd("option");
     option.vendorID = 0x0AF0;
     option.productID = 0x7FFF;
     option.cdrom.reset();
@@ -222,7 +219,7 @@ TEST(RecognitionStory, GenericRecognitionTakesUnlistedProductsOfKnownMakers) {
     EXPECT_TRUE(inGenericAttempt);
 
     // A maker the table does not know at all is dropped without a word.
-    StickSpec stranger = e1750("stranger");
+    StickSpec stranger = huaweiE1750WithDriverCd("stranger");
     stranger.vendorID = 0x1234;
     auto strangerRun = StoryBuilder().plug(1.0, stranger).option("monitor", "generic").run(40.0);
     EXPECT_TRUE(eventsOf(strangerRun, "monitor", "noteStartedIdentifyingDevice:").empty());

@@ -65,6 +65,12 @@ StickSpec huaweiE1750(const std::string& id, long long location) {
     return stick;
 }
 
+StickSpec huaweiE1750WithDriverCd(const std::string& id, long long location) {
+    StickSpec stick = huaweiE1750(id, location);
+    stick.cdrom = "sr0";
+    return stick;
+}
+
 StoryBuilder::StoryBuilder() {
     scenario_ = {{"options", {{"database", testDatabasePath()}}}, {"timeline", qv::Json::array()}};
 }
@@ -109,8 +115,12 @@ StoryBuilder& StoryBuilder::modem(const std::string& tty, qv::Json description) 
 }
 
 qvdevice::SimulationResult StoryBuilder::run(std::optional<double> until) const {
+    return runScenario(scenario_, until);
+}
+
+qvdevice::SimulationResult runScenario(const qv::Json& json, std::optional<double> until) {
     std::string error;
-    auto scenario = qvdevice::SimulationScenario::fromJson(scenario_, &error);
+    auto scenario = qvdevice::SimulationScenario::fromJson(json, &error);
     if (!scenario) {
         ADD_FAILURE() << "scenario refused: " << error;
         return {};

@@ -25,6 +25,8 @@ struct StickSpec {
 
 // A Huawei E1750 in modem mode: in the built-in table (Quorvel ID 320), three ports, no disk.
 StickSpec huaweiE1750(const std::string& id = "stick", long long location = 0x1A100000);
+// The same stick still showing its driver CD ("sr0").
+StickSpec huaweiE1750WithDriverCd(const std::string& id = "stick", long long location = 0x1A100000);
 
 class StoryBuilder {
   public:
@@ -49,6 +51,9 @@ class StoryBuilder {
 
 // The test database beside the fixtures.
 std::string testDatabasePath();
+// Plays a scenario given as JSON; a refused scenario or a failed run is a test failure.
+qvdevice::SimulationResult runScenario(const qv::Json& json,
+                                       std::optional<double> until = std::nullopt);
 
 // Events of one kind (and call, when given), in order.
 std::vector<qvdevice::SimulationEvent> eventsOf(const qvdevice::SimulationResult& result,
