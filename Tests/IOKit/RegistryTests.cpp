@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -259,6 +260,58 @@ TEST_F(RegistryTest, ChangeStampsMoveWithEverythingAReaderCanSee) {
     qv::Registry::resetShared();
     io_registry_entry_t again = addUsb(4817, 4099, 9);
     EXPECT_GT(qvRegistryEntryGetChangeStamp(again), before);
+}
+
+// A notification made pending by a callback of a later one (behind the walk) is delivered by the
+// next turn of the loop, not lost; one made pending ahead of the walk comes in the same delivery.
+TEST_F(RegistryTest, NotificationsMadePendingByACallbackAreDeliveredAfterIt) {
+    IONotificationPortRef port = IONotificationPortCreate(kIOMasterPortDefault);
+    qv::CFRunLoopAddSource(qv::CFRunLoopGetCurrent(), IONotificationPortGetRunLoopSource(port),
+                           qv::kCFRunLoopCommonModes);
+    struct Arm {
+        std::vector<std::string> order;
+        std::function<void()> then;
+    } heard;
+    struct Listener {
+        Arm* arm;
+        std::string name;
+    };
+    auto hear = [](void* refCon, io_iterator_t iterator) {
+        auto* listener = static_cast<Listener*>(refCon);
+        drain(iterator);
+        listener->arm->order.push_back(listener->name);
+        if (listener->name == "second" && listener->arm->then) {
+            auto then = std::move(listener->arm->then);
+            listener->arm->then = nullptr;
+            then();
+        }
+    };
+    Listener first{&heard, "first"};
+    Listener second{&heard, "second"};
+    Listener third{&heard, "third"};
+    std::vector<io_iterator_t> iterators(3);
+    int vendor = 1;
+    for (Listener* listener : {&first, &second, &third}) {
+        qv::Value matching = IOServiceMatching("IOUSBDevice");
+        matching.set("idVendor", vendor++);
+        ASSERT_EQ(IOServiceAddMatchingNotification(port, kIOMatchedNotification, matching, hear,
+                                                   listener, &iterators[vendor - 2]),
+                  kIOReturnSuccess);
+        drain(iterators[vendor - 2]);
+    }
+    // The second's callback plugs devices for the first (behind it) and the third (ahead).
+    heard.then = [&] {
+        addUsb(1, 1, 10);
+        addUsb(3, 1, 11);
+    };
+    addUsb(2, 1, 12);
+    loop_->runPending();
+    loop_->runPending();
+    EXPECT_EQ(heard.order, (std::vector<std::string>{"second", "third", "first"}));
+    for (io_iterator_t iterator : iterators) {
+        IOObjectRelease(iterator);
+    }
+    IONotificationPortDestroy(port);
 }
 
 }  // namespace
