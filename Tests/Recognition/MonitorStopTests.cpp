@@ -165,7 +165,7 @@ TEST_F(MonitorStopTest, ARestartFromInsideAReportKeepsTheDeviceListed) {
     };
     monitor->start();
     // An E1750 that never shows its ports: reported when it times out.
-    addUsb(0x12D1, 0x1406, 1);
+    io_registry_entry_t bare = addUsb(0x12D1, 0x1406, 1);
     loop_->runFor(32.0);
     ASSERT_EQ(linesStartingWith("Timout trying to recognize device: "), 1u);
     EXPECT_EQ(restarts, 1);
@@ -174,6 +174,7 @@ TEST_F(MonitorStopTest, ARestartFromInsideAReportKeepsTheDeviceListed) {
     EXPECT_EQ(linesStartingWith("Timout trying to recognize device: "), 2u);
 
     // The same on a rejection: an E1750 variant the test database does not know.
+    registry().removeEntry(bare);
     monitor->teardown();
     reacting_.calls.clear();
     restarts = 0;
