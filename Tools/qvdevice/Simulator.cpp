@@ -182,11 +182,15 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
         });
     std::unique_ptr<PreparationStory> preparation;
     auto launcher = std::make_shared<qv::RecordingTaskLauncher>();
+    // The launcher and the modem library keep a record of every call for tests that ask them
+    // afterwards; here each call becomes an event at once, and a long story must not pile them
+    // up, so the records are dropped as they are passed on (each observer gets its own copy).
     launcher->setObserver([&](const qv::RecordingTaskLauncher::Record& record) {
         recorder.add("exec", qv::Json{{"argv", record.argv}});
         if (preparation) {
             preparation->programStarted(record);
         }
+        launcher->clear();
     });
     qv::TaskLauncher::setShared(launcher);
     qv::Workspace::setShared(std::make_shared<qv::FixedWorkspace>(options.runningApplications));
@@ -200,6 +204,7 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     });
     backend->setObserver([&](const qv::ScriptedGsmBackend::Call& call) {
         recorder.add("gsm", gsmCallFields(call));
+        backend->clearCalls();
     });
     qv::GsmBackend::setCurrent(backend);
 
