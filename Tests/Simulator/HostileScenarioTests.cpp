@@ -85,7 +85,7 @@ TEST(HostileScenario, ADatabaseThatIsNoDatabaseIsRefusedByName) {
 }
 
 TEST(HostileScenario, NestingWithoutEndIsRefusedWithItsPlace) {
-    runOnSmallStack([] {
+    qv::runOnSmallStack([] {
         const std::string deep = std::string(100000, '[') + std::string(100000, ']');
         const std::string places[] = {
             R"({"timeline": [], "modems": {"/dev/cu.ttyUSB0": {"x": )" + deep + "}}}",
