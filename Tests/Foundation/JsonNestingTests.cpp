@@ -25,10 +25,10 @@ TEST(JsonNesting, CountsBracketsOutsideStringsAndNamesThePlace) {
     EXPECT_EQ(jsonNestingProblem("{\"a\":\n  [[[", 2),
               "nested deeper than 2 levels at line 2, column 4");
     // Siblings do not add up; brackets in strings, escaped quotes included, are text.
-    EXPECT_EQ(jsonNestingProblem("[[1],[2],{\"k\":[3]}]", 2), std::nullopt);
+    EXPECT_EQ(jsonNestingProblem("[[1],[2],{\"k\":[3]}]", 3), std::nullopt);
     EXPECT_EQ(jsonNestingProblem(R"(["[[[[", "\"[[[[", {"{{{{": "\\"}])", 2), std::nullopt);
     EXPECT_EQ(jsonNestingProblem(R"(["\\", [[[]]]])", 2),
-              "nested deeper than 2 levels at line 1, column 10");
+              "nested deeper than 2 levels at line 1, column 9");
     // Text that is not JSON at all is left to the parser: stray closers do not go below zero.
     EXPECT_EQ(jsonNestingProblem("]]]]][[[", 3), std::nullopt);
     EXPECT_EQ(jsonNestingProblem("", 1), std::nullopt);
