@@ -201,6 +201,11 @@ void PreparationStory::switchMode(io_registry_entry_t device) {
     if (modeSwitch == nullptr || !switching_.insert(device).second) {
         return;
     }
+    // Timers that have fired are done with: a stick that switches without end must not pile
+    // them up.
+    std::erase_if(timers_, [](const std::shared_ptr<qv::Timer>& timer) {
+        return timer == nullptr || !timer->isValid();
+    });
     // The stick drops off the bus once the program that switched it is done, not inside it.
     timers_.push_back(loop_.performAfterDelay(0.0, [this, device, modeSwitch]() {
         // Unplugged by the story in the same instant: nothing comes back.
@@ -209,6 +214,7 @@ void PreparationStory::switchMode(io_registry_entry_t device) {
         }
         io_registry_entry_t parent = registry_.entryParent(device);
         registry_.removeEntry(device);
+        switching_.erase(device);
         feeder_.forgetDetachedIds();
         timers_.push_back(loop_.performAfterDelay(modeSwitch->after, [this, parent, modeSwitch]() {
             // A hub unplugged meanwhile takes the stick with it.
