@@ -7,6 +7,7 @@
 #include "IdentifierMasker.h"
 #include "QVGsmKit/AtResponseReader.h"
 #include "QVGsmKit/GsmResultCodes.h"
+#include "QVGsmKit/NullGsmBackend.h"
 #include "RunLoop/RunLoop.h"
 
 namespace qvdevice {
@@ -59,7 +60,7 @@ std::vector<std::string> splitLines(const std::string& bytes) {
 }  // namespace
 
 ModemConversationRecorder::ModemConversationRecorder(std::shared_ptr<qv::GsmBackend> real)
-    : real_(std::move(real)) {}
+    : real_(real ? std::move(real) : std::make_shared<qv::NullGsmBackend>()) {}
 
 double ModemConversationRecorder::now(const std::shared_ptr<qv::RunLoop>& loop) {
     return loop ? loop->now() : qv::RunLoop::current().now();
@@ -135,10 +136,9 @@ qv::GsmAnswerHandler ModemConversationRecorder::recordingAnswer(const qv::GsmReq
                 }
             } else if (kindName == "deviceInfo") {
                 if (!entry.deviceInfo) {
-                    entry.deviceInfo =
-                        reply.code == qv::kGsmResultSuccess && reply.data.isDictionary()
-                            ? reply.data
-                            : qv::Value(reply.code);
+                    entry.deviceInfo = reply.code == kGsmResultSuccess && reply.data.isDictionary()
+                                           ? reply.data
+                                           : qv::Value(reply.code);
                 }
             } else if (entry.networkInfo.size() < kMaxExchangesPerPort) {
                 qv::Value info{qv::Dictionary{}};

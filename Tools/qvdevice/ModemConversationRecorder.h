@@ -77,9 +77,11 @@ class ModemConversationRecorder : public qv::GsmBackend, public qv::AtTranscript
     static double now(const std::shared_ptr<qv::RunLoop>& loop);
     static qv::Json profileOf(const std::string& path, const Port& port, IdentifierMasker* masker);
 
-    std::shared_ptr<qv::GsmBackend> real_;
     mutable std::mutex mutex_;
     std::map<std::string, Port> ports_;
+    // Last, so destroyed first: the engine answers what is still waiting as it goes, and those
+    // answers are kept while the rest of the recorder is still there.
+    std::shared_ptr<qv::GsmBackend> real_;
 };
 
 }  // namespace qvdevice

@@ -16,7 +16,7 @@ namespace qvdevice {
 
 namespace {
 
-std::string text(const char* value) {
+std::string textOf(const char* value) {
     return value != nullptr ? std::string(value) : std::string();
 }
 
@@ -91,7 +91,7 @@ std::string sysPathOfEntry(udev* context, const qv::Value& properties) {
     udev_enumerate_scan_devices(enumerate.get());
     udev_list_entry* item = nullptr;
     udev_list_entry_foreach(item, udev_enumerate_get_list_entry(enumerate.get())) {
-        std::string path = text(udev_list_entry_get_name(item));
+        std::string path = textOf(udev_list_entry_get_name(item));
         std::string name = path.substr(path.rfind('/') + 1);
         auto candidate = qv::stableLocationIDFromUSBName(name);
         if (candidate && static_cast<std::int64_t>(*candidate) == location.integerValue()) {
@@ -135,12 +135,12 @@ void UmockdevDescription::addDevices(const qv::Registry& registry,
         std::vector<std::string> paths;
         udev_list_entry* item = nullptr;
         udev_list_entry_foreach(item, udev_enumerate_get_list_entry(below.get())) {
-            paths.push_back(text(udev_list_entry_get_name(item)));
+            paths.push_back(textOf(udev_list_entry_get_name(item)));
         }
         std::sort(paths.begin(), paths.end(), qv::sysPathOrderLess);
         for (udev_device* parent = udev_device_get_parent(top.get()); parent != nullptr;
              parent = udev_device_get_parent(parent)) {
-            paths.push_back(text(udev_device_get_syspath(parent)));
+            paths.push_back(textOf(udev_device_get_syspath(parent)));
         }
         for (const auto& path : paths) {
             readDevice(path);
@@ -158,25 +158,25 @@ void UmockdevDescription::readDevice(const std::string& sysPath) {
         return;
     }
     Block block;
-    block.devpath = text(udev_device_get_devpath(device.get()));
+    block.devpath = textOf(udev_device_get_devpath(device.get()));
     if (block.devpath.empty() || !devpaths_.insert(block.devpath).second) {
         return;
     }
-    std::string node = text(udev_device_get_devnode(device.get()));
+    std::string node = textOf(udev_device_get_devnode(device.get()));
     if (node.starts_with("/dev/")) {
         block.lines.push_back({'N', {}, node.substr(5)});
     }
     udev_list_entry* item = nullptr;
     udev_list_entry_foreach(item, udev_device_get_properties_list_entry(device.get())) {
-        std::string key = text(udev_list_entry_get_name(item));
+        std::string key = textOf(udev_list_entry_get_name(item));
         if (key == "DEVPATH" || key == "ACTION" || key == "SEQNUM") {
             continue;
         }
-        block.lines.push_back({'E', key, text(udev_list_entry_get_value(item))});
+        block.lines.push_back({'E', key, textOf(udev_list_entry_get_value(item))});
     }
     std::vector<std::string> attributes;
     udev_list_entry_foreach(item, udev_device_get_sysattr_list_entry(device.get())) {
-        attributes.push_back(text(udev_list_entry_get_name(item)));
+        attributes.push_back(textOf(udev_list_entry_get_name(item)));
     }
     std::sort(attributes.begin(), attributes.end());
     for (const auto& name : attributes) {
