@@ -49,10 +49,11 @@ bool writeFileAtomically(const std::string& path, const std::string& text, std::
     if (!canWriteFileAt(path, error)) {
         return false;
     }
-    std::filesystem::path target(path);
-    std::string pattern =
-        (std::filesystem::path(directoryOf(path)) / ("." + target.filename().string() + ".XXXXXX"))
-            .string();
+    // Appended piece by piece: GCC 12 at -O3 warns falsely about "." + a string.
+    std::string hidden = ".";
+    hidden += std::filesystem::path(path).filename().string();
+    hidden += ".XXXXXX";
+    std::string pattern = (std::filesystem::path(directoryOf(path)) / hidden).string();
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     int fd = ::mkostemp(name.data(), O_CLOEXEC);

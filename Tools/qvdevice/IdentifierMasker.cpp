@@ -199,6 +199,13 @@ std::string IdentifierMasker::maskWhole(std::string_view value) {
     return maskCharacters(value, 0);
 }
 
+std::string IdentifierMasker::maskImei(std::string_view digits) {
+    if (!allDigits(digits) || digits.size() < 14 || digits.size() > 16) {
+        return maskText(digits);
+    }
+    return maskDigits(digits, digits.size() == 15, 8);
+}
+
 std::string IdentifierMasker::maskText(std::string_view text) {
     std::string out;
     out.reserve(text.size());
@@ -248,7 +255,8 @@ std::string IdentifierMasker::maskText(std::string_view text) {
         } else if (afterPlus && digits >= 6 && digits <= 15) {
             out += maskDigits(run, false, 2);  // a phone number: its country code kept
             i = digitEnd;
-        } else if (digits == 15 && luhnValid(run)) {
+        } else if (digits == 15 &&
+                   (luhnValid(run) || text.substr(0, i).find("IMEI") != std::string_view::npos)) {
             out += maskDigits(run, true, 8);  // IMEI: the type allocation code kept
             i = digitEnd;
         } else if (digits >= 14 && digits <= 16) {
@@ -277,6 +285,9 @@ qv::Value IdentifierMasker::maskValueAt(const qv::Value& value, std::string_view
         return value;
     }
     if (const std::string* text = value.asString()) {
+        if (lower(key).find("imei") != std::string::npos) {
+            return qv::Value(maskImei(*text));
+        }
         return qv::Value(isIdentifierKey(key) ? maskWhole(*text) : maskText(*text));
     }
     if (const qv::Data* data = value.asData(); data != nullptr && isIdentifierKey(key)) {

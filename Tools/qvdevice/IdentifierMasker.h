@@ -32,6 +32,10 @@ class IdentifierMasker {
     // digits (a phone number), MAC addresses, and every digit run of 6 or more in a "+CNUM:" line
     // (the SIM's own numbers). Versions, signal values and dates are left alone.
     std::string maskText(std::string_view text);
+    // Digits known to be an IMEI (a value named "IMEI", the answer to AT+CGSN): masked as one,
+    // the type allocation code kept and a valid check digit made, whether or not the original
+    // had one. Other text goes to maskText().
+    std::string maskImei(std::string_view digits);
     // A property value: keys naming an identifier are masked whole, other strings as text;
     // arrays and dictionaries are walked (at most `kMaxDepth` levels; deeper is left as it is).
     qv::Value maskValue(const qv::Value& value, std::string_view key = {});

@@ -274,7 +274,9 @@ qv::Json ModemConversationRecorder::profileOf(const std::string& path, const Por
             if (!printable(line)) {
                 continue;
             }
-            answer.push_back(maskedText(line, masker));
+            const bool imei = command == "AT+CGSN" || command == "AT+GSN";
+            answer.push_back(imei && masker != nullptr ? masker->maskImei(line)
+                                                       : maskedText(line, masker));
             if (qv::AtResponseReader::finalResultOf(line) != qv::AtFinal::None) {
                 final = true;
                 break;
