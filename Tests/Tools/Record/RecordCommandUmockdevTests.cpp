@@ -48,16 +48,10 @@ std::vector<std::string> applicationCalls(const std::vector<qv::Json>& lines) {
         if (line["kind"] != "application") {
             continue;
         }
-        std::string call = line["call"].get<std::string>();
-        if (line.contains("device")) {
-            call += " " + line["device"].dump();
-        }
-        if (line.contains("info")) {
-            call += " info " + line["info"].dump();
-        }
-        if (line.contains("code")) {
-            call += " code " + line["code"].dump();
-        }
+        // The whole line without its time; appended, not "a" + b (GCC 12 warns falsely).
+        qv::Json copy = line;
+        copy.erase("t");
+        std::string call = copy.dump();
         calls.push_back(call);
     }
     return calls;
@@ -267,8 +261,10 @@ TEST_F(RecordCommandUmockdev, MasksEveryIdentifierTheSameWayAcrossTheFilesItWrit
     auto live = applicationCalls(jsonLines(run.out));
     ASSERT_EQ(replayed.size(), live.size()) << run.out;
     for (std::size_t i = 0; i < live.size(); ++i) {
-        EXPECT_EQ(replayed[i].substr(0, replayed[i].find(' ')),
-                  live[i].substr(0, live[i].find(' ')));
+        qv::Json a = qv::Json::parse(live[i]);
+        qv::Json b = qv::Json::parse(replayed[i]);
+        EXPECT_EQ(a["call"], b["call"]);
+        EXPECT_EQ(a["device"], b["device"]);
     }
 }
 
