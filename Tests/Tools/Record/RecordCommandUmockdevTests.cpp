@@ -174,7 +174,8 @@ TEST_F(RecordCommandUmockdev, ReplaysAStickPresentAtStartAndOnePluggedAndUnplugg
     auto replayed = applicationCalls(replay(out));
     EXPECT_EQ(std::count_if(live.begin(), live.end(),
                             [](const std::string& call) {
-                                return call.starts_with("noteDeviceBecameAvailable:");
+                                return call.find("\"noteDeviceBecameAvailable:\"") !=
+                                       std::string::npos;
                             }),
               2)
         << run.out;
@@ -253,7 +254,7 @@ TEST_F(RecordCommandUmockdev, MasksEveryIdentifierTheSameWayAcrossTheFilesItWrit
     EXPECT_EQ(imei.size(), 15u);
     EXPECT_TRUE(qvdevice::IdentifierMasker::luhnValid(imei)) << imei;
     EXPECT_NE(profileText.find(imei), std::string::npos) << profileText;
-    EXPECT_EQ(port["identify"]["deviceId"], 320);
+    EXPECT_EQ(port["groundInit"], 7);  // the application initialised the stick
     EXPECT_NE(umockdevText.find("A: serial="), std::string::npos);
 
     // Replayed, the application hears what it heard live, masked values aside.
