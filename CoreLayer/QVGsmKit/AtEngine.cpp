@@ -13,6 +13,7 @@
 #include <map>
 #include <utility>
 
+#include "AtTranscript.h"
 #include "GsmResultCodes.h"
 #include "SerialPort.h"
 
@@ -224,6 +225,7 @@ class EngineLoop {
         channel.reader.begin(command->text);
         channel.output += command->text;
         channel.output += '\r';
+        AtTranscript::commandSent(channel.conversation->portPath(), command->text);
         channel.commandDeadline = after(Clock::now(), command->timeout);
         flush(channel);
     }
@@ -262,6 +264,9 @@ class EngineLoop {
             for (int i = 0; i < kReadsPerTurn && !channel.done; ++i) {
                 ssize_t size = ::read(channel.port->fd(), buffer, sizeof buffer);
                 if (size > 0) {
+                    AtTranscript::bytesReceived(
+                        channel.conversation->portPath(),
+                        std::string_view(buffer, static_cast<std::size_t>(size)));
                     if (channel.reader.feed(buffer, static_cast<std::size_t>(size))) {
                         AtResponse response = channel.reader.response();
                         advance(channel, &response);
