@@ -28,13 +28,21 @@ set(QV_INSTALL_PKGCONFIG_SUBDIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 # the choice is made at install time, from the prefix really installed into: udev's own rules
 # directory (udev.pc's udevdir) for the prefix /usr and for the Debian package; PREFIX/lib/udev/
 # rules.d for any other prefix, so that `cmake --install --prefix DIR` writes nothing outside DIR.
-set(QV_UDEV_RULES_DIR "" CACHE PATH
-    "Where the udev rule is installed (empty: udev's directory in /usr and packages, else under the prefix)")
 pkg_get_variable(QV_UDEVDIR udev udevdir)
 if(NOT QV_UDEVDIR)
   set(QV_UDEVDIR "/usr/lib/udev")
 endif()
 set(QV_SYSTEM_UDEV_RULES_DIR "${QV_UDEVDIR}/rules.d")
+# A tree configured before the choice moved to install time has udev's directory cached as if it
+# had been given: forget that value.
+get_property(QV_UDEV_RULES_DIR_HELP CACHE QV_UDEV_RULES_DIR PROPERTY HELPSTRING)
+if(QV_UDEV_RULES_DIR_HELP STREQUAL "Where the udev rule is installed" AND
+   QV_UDEV_RULES_DIR STREQUAL QV_SYSTEM_UDEV_RULES_DIR)
+  set_property(CACHE QV_UDEV_RULES_DIR PROPERTY VALUE "")
+  set_property(CACHE QV_UDEV_RULES_DIR PROPERTY HELPSTRING "")
+endif()
+set(QV_UDEV_RULES_DIR "" CACHE PATH
+    "Where the udev rule is installed (empty: udev's directory in /usr and packages, else under the prefix)")
 set(QV_PREFIX_UDEV_RULES_SUBDIR "lib/udev/rules.d")
 
 # Installed programs find the library through a relative run path where the library directory is
