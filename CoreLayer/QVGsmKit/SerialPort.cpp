@@ -10,9 +10,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "Foundation/Logging.h"
+#include "GsmBackend.h"
 
 namespace qv {
 
@@ -64,8 +66,9 @@ std::string permissionAdvice(const std::string& path, gid_t group) {
 }  // namespace
 
 std::string SerialPort::devicePath(const std::string& portPath) {
-    if (portPath.starts_with("/dev/cu.") && !exists(portPath)) {
-        return "/dev/" + portPath.substr(8);
+    // Only a real kernel name falls back: "/dev/cu./x" or "/dev/cu..." must not leave /dev.
+    if (std::optional<std::string> name = gsmPortNameOfPath(portPath); name && !exists(portPath)) {
+        return "/dev/" + *name;
     }
     return portPath;
 }
