@@ -88,6 +88,7 @@ class FrameworkThreadUmockdev : public UmockdevTest {
         qv::setNamedLogSink([this](const std::string&, const std::string& line) {
             std::lock_guard<std::mutex> lock(logMutex_);
             log_.push_back(line);
+
             // The framework's thread is about to sleep out the power-up delay.
             if (line.rfind("Pushing device", 0) == 0) {
                 turnsAtPushing_ = turns_.load();
@@ -173,6 +174,9 @@ class FrameworkThreadUmockdev : public UmockdevTest {
     }
 
     void reportStall(const char* way) {
+        // A stall shows at the beat after it: let the loop beat twice more.
+        const long turns = turns_.load();
+        turnHostLoopUntil([&] { return turns_.load() >= turns + 2; });
         double milliseconds = std::chrono::duration<double, std::milli>(longestStall_).count();
         RecordProperty("longestHostLoopStallMilliseconds", std::to_string(milliseconds));
         std::printf(
@@ -251,7 +255,7 @@ TEST_F(FrameworkThreadUmockdev, TheHostLoopTurnsWhileTheFrameworkWaitsOutAPowerU
     EXPECT_NE(frameworkRecord, device.get());
 
     // The unplug reaches the host with the same host object, now unavailable.
-    umockdev_testbed_remove_device(testbed_, stick.c_str());
+    umockdev_testbed_uevent(testbed_, stick.c_str(), "remove");
     ASSERT_TRUE(turnHostLoopUntil([&] { return !application.missing.empty(); }));
     EXPECT_EQ(application.missing[0], application.available[0]);
     EXPECT_FALSE(application.availableAtMissing);
@@ -265,6 +269,7 @@ TEST_F(FrameworkThreadUmockdev, TheHostLoopTurnsWhileTheFrameworkWaitsOutAPowerU
 
     // After stop nothing more reaches the host, even a stick that is plugged in right away.
     framework->stop();
+    umockdev_testbed_remove_device(testbed_, stick.c_str());
     plugMC8780("1-6", 3);
     std::size_t callsAtStop = application.threads.size();
     turnHostLoopUntil([] { return false; }, 0.3);

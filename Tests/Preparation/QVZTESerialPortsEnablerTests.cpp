@@ -234,6 +234,7 @@ TEST_F(EnablerTest, ReEnumerationReportsEachFailureAndGoesOn) {
         logged("No permission to reset USB device 0af0:7501: this user cannot write its "
                "node under /dev/bus/usb."));
     usb_->setOpenStatus(first, kIOReturnSuccess);
+    usb_->setCreateStatus(first, kIOReturnNotPrivileged);
 
     // Another model, or a stick of the model that has ports: nothing.
     stdout_->clear();
