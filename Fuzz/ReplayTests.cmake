@@ -10,7 +10,7 @@ foreach(source ${QV_FUZZ_TARGET_SOURCES})
   add_executable(replay_${name} ${source})
   target_link_libraries(replay_${name} PRIVATE qv_fuzz_replay_main QVDeviceObserver qvdevice_cli)
   target_include_directories(replay_${name} PRIVATE ${CMAKE_SOURCE_DIR}/Fuzz
-    ${CMAKE_SOURCE_DIR}/Tools/qvdevice ${CMAKE_SOURCE_DIR}/Tools/DiskUnmounter)
+                             ${CMAKE_SOURCE_DIR}/Tools/qvdevice)
   if(TARGET diskunmounter_core)
     target_link_libraries(replay_${name} PRIVATE diskunmounter_core)
   endif()
