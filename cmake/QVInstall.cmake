@@ -27,7 +27,20 @@ list(FILTER QV_INSTALLED_RESOURCE_FILES EXCLUDE REGEX "\\.rules$")
 install(FILES ${QV_INSTALLED_RESOURCE_FILES}
   DESTINATION ${QV_INSTALL_RESOURCES_SUBDIR} COMPONENT runtime)
 file(GLOB QV_UDEV_RULE_FILES ${CMAKE_SOURCE_DIR}/CoreLayer/QVDeviceObserver/Resources/*.rules)
-install(FILES ${QV_UDEV_RULE_FILES} DESTINATION ${QV_UDEV_RULES_DIR} COMPONENT runtime)
+if(QV_UDEV_RULES_DIR)
+  install(FILES ${QV_UDEV_RULE_FILES} DESTINATION ${QV_UDEV_RULES_DIR} COMPONENT runtime)
+else()
+  # Decided at install time (see QVInstallDirs.cmake); cpack says it is packaging through the
+  # environment (cmake/QVCPackProjectConfig.cmake).
+  install(CODE "
+    if(\"\${CMAKE_INSTALL_PREFIX}\" STREQUAL \"/usr\" OR DEFINED ENV{QV_PACKAGING})
+      set(qv_udev_rules_dir \"${QV_SYSTEM_UDEV_RULES_DIR}\")
+    else()
+      set(qv_udev_rules_dir \"\${CMAKE_INSTALL_PREFIX}/${QV_PREFIX_UDEV_RULES_SUBDIR}\")
+    endif()
+    file(INSTALL DESTINATION \"\${qv_udev_rules_dir}\" TYPE FILE FILES ${QV_UDEV_RULE_FILES})"
+    COMPONENT runtime)
+endif()
 
 # CMake package: find_package(QVDeviceObserver) gives QVDeviceObserver::QVDeviceObserver.
 install(EXPORT QVDeviceObserverTargets NAMESPACE QVDeviceObserver::
@@ -61,12 +74,14 @@ if(IS_ABSOLUTE "${QV_INSTALL_PKGCONFIG_SUBDIR}")
 else()
   set(QV_PC_DESTINATION "\${CMAKE_INSTALL_PREFIX}/${QV_INSTALL_PKGCONFIG_SUBDIR}")
 endif()
-# One file per destination: installs into several places may run at once (the test suite's).
+# Written straight into the destination (DESTDIR included): the build tree may belong to another
+# user than the one installing.
 install(CODE "
-  string(MD5 qv_pc_tag \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\")
   set(QV_PC_INSTALL_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
-  configure_file(\"${CMAKE_BINARY_DIR}/pkgconfig/QVDeviceObserver.pc.in\"
-                 \"${CMAKE_BINARY_DIR}/pkgconfig/\${qv_pc_tag}/QVDeviceObserver.pc\" @ONLY)
-  file(INSTALL DESTINATION \"${QV_PC_DESTINATION}\" TYPE FILE
-       FILES \"${CMAKE_BINARY_DIR}/pkgconfig/\${qv_pc_tag}/QVDeviceObserver.pc\")"
+  file(READ \"${CMAKE_BINARY_DIR}/pkgconfig/QVDeviceObserver.pc.in\" qv_pc_text)
+  string(CONFIGURE \"\${qv_pc_text}\" qv_pc_text @ONLY)
+  set(qv_pc_file \"${QV_PC_DESTINATION}/QVDeviceObserver.pc\")
+  message(STATUS \"Installing: \$ENV{DESTDIR}\${qv_pc_file}\")
+  file(WRITE \"\$ENV{DESTDIR}\${qv_pc_file}\" \"\${qv_pc_text}\")
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${qv_pc_file}\")"
   COMPONENT development)

@@ -24,10 +24,13 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "libqvdeviceobserver0")
-# udev makes the /dev/cu.* links of the shipped rule; udisks2 unmounts a stick's driver CD for
-# an unprivileged host; usb-modeswitch switches sticks out of their storage mode; psmisc has the
-# killall that signals a process by name for the host.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "udev, udisks2, usb-modeswitch, psmisc")
+# psmisc has the /usr/bin/killall that QVSystemHelper::sendSignal runs (joined to what
+# dpkg-shlibdeps finds).
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "psmisc")
+# udev makes the /dev/cu.* links of the shipped rule and gives the seat's user the sticks' ports;
+# udisks2 unmounts a stick's driver CD for an unprivileged host; usb-modeswitch switches sticks
+# out of their storage mode.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "udev, udisks2, usb-modeswitch")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
     "Detection of USB modem sticks, data cards and phones for connection applications
  The framework a mobile-broadband connection application runs on its GLib main loop: it
@@ -43,6 +46,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
  Headers (with the umbrella header QVDeviceObserver/QVDeviceObserver.h), the pkg-config file
  QVDeviceObserver.pc and the CMake package QVDeviceObserver.")
 
+# Read by cpack when it packages: the udev rule then goes to udev's own directory.
+set(CPACK_PROJECT_CONFIG_FILE "${CMAKE_SOURCE_DIR}/cmake/QVCPackProjectConfig.cmake")
 include(CPack)
 cpack_add_component(runtime DISPLAY_NAME "Library, resources and tools")
 cpack_add_component(development DISPLAY_NAME "Development files" DEPENDS runtime)

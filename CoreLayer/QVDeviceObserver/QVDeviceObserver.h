@@ -1,6 +1,7 @@
 // The framework's application interface in one header: the observer and its delegate, the
-// priority queue, the device monitors, the device model classes, the allowed-device filter and
-// the preparation classes an application creates itself.
+// framework thread that runs them off the host's main loop, the priority queue, the device
+// monitors, the device model classes, the allowed-device filter and the preparation classes an
+// application creates itself.
 //
 //     #include <QVDeviceObserver/QVDeviceObserver.h>
 //
@@ -9,6 +10,7 @@
 // folder ("Model/QVDevice.h"); those flags put the folders on the include path.
 #pragma once
 
+#include "Application/FrameworkThread.h"
 #include "Application/QVDeviceObserver.h"
 #include "Application/QVDeviceObserverDelegate.h"
 #include "Application/QVPrioQueue.h"

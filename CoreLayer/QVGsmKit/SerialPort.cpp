@@ -1,6 +1,7 @@
 #include "SerialPort.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <optional>
 #include <utility>
 
+#include "Foundation/Logging.h"
 #include "GsmBackend.h"
 
 namespace qv {
@@ -42,6 +44,23 @@ bool makeRaw(int fd) {
     // Whatever the modem said before we came is nobody's answer.
     ::tcflush(fd, TCIOFLUSH);
     return true;
+}
+
+// What a user who may not open the port lacks, for the framework's log: the port's group (dialout
+// on Debian) or the access the shipped udev rule gives the user at the seat.
+std::string permissionAdvice(const std::string& path, gid_t group) {
+    std::string groupName = std::to_string(group);
+    struct group entry {};
+    struct group* found = nullptr;
+    char buffer[1024];
+    if (::getgrgid_r(group, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr) {
+        groupName = found->gr_name;
+    }
+    return "no permission to open " + path +
+           ": this user needs read and write access to it. The udev rule installed with the "
+           "framework gives it to the user at the seat (systemd-logind); without logind, add the "
+           "user to the port's group \"" +
+           groupName + "\" (usermod -aG " + groupName + " USER, then log in again)";
 }
 
 }  // namespace
@@ -82,6 +101,13 @@ std::unique_ptr<SerialPort> SerialPort::open(const std::string& portPath,
     int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         int error = errno;
+        if (error == EACCES || error == EPERM) {
+            std::string advice = permissionAdvice(path, info.st_gid);
+            logRecognition("AT engine: %s", advice);
+            *failure = Failure::CannotOpen;
+            *reason = advice;
+            return nullptr;
+        }
         return fail(
             error == EBUSY ? Failure::Busy : Failure::CannotOpen,
             error == EBUSY ? "busy: held exclusively by another program" : std::strerror(error));

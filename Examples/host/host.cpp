@@ -1,6 +1,8 @@
-// The smallest connection application: embeds QVDeviceObserver on a GLib main loop, prints the
-// devices that come and go, chooses the first one as the default device and prints its network
-// information as it arrives.
+// The smallest connection application: runs QVDeviceObserver on a thread of its own beside the
+// application's GLib main loop (which never waits on it), prints the devices that come and go,
+// chooses the first one as the default device and prints its network information as it arrives.
+// The delegate's calls arrive on the main loop; the application asks the framework for anything
+// through FrameworkThread::perform.
 //
 //     host [SECONDS]    runs until interrupted, or for SECONDS
 #include <QVDeviceObserver/QVDeviceObserver.h>
@@ -17,7 +19,7 @@ namespace {
 
 class HostDelegate : public QVDeviceObserverDelegate {
   public:
-    explicit HostDelegate(QVDeviceObserver& observer) : observer_(observer) {}
+    void setFramework(qv::FrameworkThread* framework) { framework_ = framework; }
 
     void noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) override {
         std::printf("available: %s (Quorvel ID %d)\n", device->getDisplayName().c_str(),
@@ -25,11 +27,14 @@ class HostDelegate : public QVDeviceObserverDelegate {
         if (auto port = device->portWithCapability("NetworkQuery")) {
             std::printf("  network queries on %s\n", port->name().c_str());
         }
-        if (!observer_.defaultDevice()) {
+        if (!haveDefault_ && framework_ != nullptr) {
             // The first device becomes the default one: the framework initialises its modem
             // and then polls its network information.
-            observer_.setDefaultDevice(0);
-            observer_.devicesChanged();
+            haveDefault_ = true;
+            framework_->perform([](QVDeviceObserver& observer) {
+                observer.setDefaultDevice(0);
+                observer.devicesChanged();
+            });
             std::printf("  chosen as the default device\n");
         }
         std::fflush(stdout);
@@ -37,6 +42,7 @@ class HostDelegate : public QVDeviceObserverDelegate {
 
     void noteDeviceBecameMissing(const std::shared_ptr<QVDevice>& device) override {
         std::printf("missing: %s\n", device->getDisplayName().c_str());
+        haveDefault_ = false;
         std::fflush(stdout);
     }
 
@@ -59,7 +65,8 @@ class HostDelegate : public QVDeviceObserverDelegate {
     }
 
   private:
-    QVDeviceObserver& observer_;
+    qv::FrameworkThread* framework_ = nullptr;
+    bool haveDefault_ = false;
 };
 
 gboolean quit(gpointer loop) {
@@ -78,17 +85,20 @@ int main(int argc, char** argv) {
         g_timeout_add_seconds(seconds, quit, loop);
     }
 
-    std::shared_ptr<QVDeviceObserver> observer = QVDeviceObserver::getInstance();
-    HostDelegate delegate(*observer);
-    observer->setDelegate(&delegate);
-    observer->start();
-    QVPrioQueue::getInstance()->startExecution();
+    // The delegate's calls come to this thread's default main context, which `loop` runs.
+    HostDelegate delegate;
+    std::unique_ptr<qv::FrameworkThread> framework = qv::FrameworkThread::start(&delegate, nullptr);
+    if (!framework) {
+        std::fprintf(stderr, "host: the framework is running already\n");
+        return 1;
+    }
+    delegate.setFramework(framework.get());
     std::printf("watching for devices\n");
     std::fflush(stdout);
 
     g_main_loop_run(loop);
 
-    observer->stop();
+    framework->stop();
     g_main_loop_unref(loop);
     std::printf("stopped\n");
     return 0;

@@ -127,8 +127,24 @@ TEST(DiskUnmounterOnALoopDevice, UnmountsEveryMountOfTheDiskAndLeavesOthers) {
     disk.mounts.push_back(other);
     ASSERT_EQ(mountPointsOf(status.st_rdev), (std::vector<std::string>{first, bound}));
 
-    // As the driver disk ejector starts it.
     std::string name = disk.device.substr(std::strlen("/dev/"));
+    // A user without root, and here without udisks2, is refused, told what would allow it, and
+    // nothing is unmounted.
+    std::string setpriv = findTool("setpriv");
+    if (!setpriv.empty()) {
+        qv::TaskResult asUser =
+            runProgram("/bin/sh", {"-c", "exec \"$0\" \"$@\" 2>&1", setpriv, "--reuid=nobody",
+                                   "--regid=nogroup", "--clear-groups", QV_UNMOUNTER_PATH,
+                                   "--no-udisks", "unmountDisk", name});
+        EXPECT_EQ(asUser.exitStatus, 1) << asUser.output;
+        EXPECT_NE(asUser.output.find("without udisks2 only root may do this: install and start "
+                                     "udisks2"),
+                  std::string::npos)
+            << asUser.output;
+        EXPECT_EQ(mountPointsOf(status.st_rdev), (std::vector<std::string>{first, bound}));
+    }
+
+    // As the driver disk ejector starts it.
     qv::TaskResult unmounted = runProgram(QV_UNMOUNTER_PATH, {"unmountDisk", name});
     ASSERT_TRUE(unmounted.launched) << unmounted.error;
     EXPECT_EQ(unmounted.exitStatus, 0) << unmounted.output;
@@ -159,9 +175,11 @@ TEST(DiskUnmounterOnALoopDevice, UnmountsEveryMountOfTheDiskAndLeavesOthers) {
     EXPECT_EQ(mountPointsOf(status.st_rdev), std::vector<std::string>{});
     close(busy);
 
-    // A loop device has no medium to eject: said in one line, after the (empty) unmount.
-    qv::TaskResult eject = runProgram(QV_UNMOUNTER_PATH, {"--no-udisks", "eject", name});
+    // A loop device is no removable disk: its eject is refused, in one line.
+    qv::TaskResult eject = runProgram("/bin/sh", {"-c", "exec \"$0\" \"$@\" 2>&1",
+                                                  QV_UNMOUNTER_PATH, "--no-udisks", "eject", name});
     EXPECT_EQ(eject.exitStatus, 1);
+    EXPECT_NE(eject.output.find("is not a removable disk"), std::string::npos) << eject.output;
 }
 
 }  // namespace

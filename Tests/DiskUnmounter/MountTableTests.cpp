@@ -1,5 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -89,7 +95,41 @@ TEST(MountTable, RefusesTextThatIsNotMountInfo) {
     }
     std::string error;
     EXPECT_FALSE(MountTable::read(kData + "/no-such-file", &error));
-    EXPECT_EQ(error, "cannot read " + kData + "/no-such-file");
+    EXPECT_EQ(error, kData + "/no-such-file: cannot read: No such file or directory");
+}
+
+// The table a test names with --mountinfo is read within bounds: only a regular file, only up to
+// the limit, and a FIFO neither hangs the tool nor is read.
+TEST(MountTable, ReadsOnlyARegularFileUpToItsLimit) {
+    char directoryTemplate[] = "/tmp/qv-mountinfo-XXXXXX";
+    ASSERT_NE(mkdtemp(directoryTemplate), nullptr);
+    const std::string directory = directoryTemplate;
+    const std::string line = "23 22 0:21 / /proc rw - proc proc rw\n";
+    const std::string file = directory + "/mountinfo";
+    {
+        std::ofstream out(file, std::ios::binary);
+        for (int i = 0; i < 100; ++i) {
+            out << line;
+        }
+    }
+    std::string error;
+    std::optional<MountTable> whole = MountTable::read(file, &error, 100 * line.size());
+    ASSERT_TRUE(whole) << error;
+    EXPECT_EQ(whole->entries().size(), 100u);
+    EXPECT_FALSE(MountTable::read(file, &error, 100 * line.size() - 1));
+    EXPECT_EQ(error, file + ": larger than " + std::to_string(100 * line.size() - 1) + " bytes");
+
+    const std::string fifo = directory + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_FALSE(MountTable::read(fifo, &error));
+    EXPECT_EQ(error, fifo + ": not a regular file");
+    EXPECT_FALSE(MountTable::read(directory, &error));
+    EXPECT_EQ(error, directory + ": not a regular file");
+    // The kernel's own table is a regular file of size 0 that still has content.
+    ASSERT_TRUE(MountTable::read("/proc/self/mountinfo", &error)) << error;
+    std::remove(fifo.c_str());
+    std::remove(file.c_str());
+    rmdir(directory.c_str());
 }
 
 TEST(UnmountPlan, TakesEveryMountOfTheDiskOrPartitionAndNoOther) {

@@ -93,18 +93,18 @@ class UDisksUnmount : public ::testing::Test {
     std::unique_ptr<FakeUDisksService> service_;
 };
 
-TEST_F(UDisksUnmount, UnmountsEveryMountPointOfTheDiskAndEjectsACd) {
+TEST_F(UDisksUnmount, UnmountDiskOnlyUnmountsAndEjectThenEjects) {
     serve(stickAndOtherDisk());
     // Two mount points of sdb1: udisks2 takes one per call, so a second round is needed.
     EXPECT_EQ(unmount("sdb"), (std::vector<std::string>{"0",
                                                         "unmounted \"/media/user/STICK\" (sdb1)\n"
                                                         "unmounted \"/home/user/bound\" (sdb1)\n",
                                                         ""}));
+    // The CD stays in its drive: the enabler's eject that follows finds it there.
     EXPECT_EQ(unmount("sr0"),
-              (std::vector<std::string>{"0",
-                                        "unmounted \"/media/user/Driver CD\" (sr0)\n"
-                                        "ejected sr0\n",
-                                        ""}));
+              (std::vector<std::string>{"0", "unmounted \"/media/user/Driver CD\" (sr0)\n", ""}));
+    EXPECT_EQ(unmount("sr0", false, diskunmounter::DiskCommand::Eject),
+              (std::vector<std::string>{"0", "ejected sr0\n", ""}));
     // sdc1 is never asked for; nobody is asked for a password.
     EXPECT_EQ(service_->calls(), (std::vector<std::string>{
                                      "Unmount sdb1 (no interaction)",

@@ -129,13 +129,16 @@ TEST(UnmountDiskCommand, DryRunOfForceAndEjectOnTheFixture) {
         "disk sdb2 (8:18), a partition\n"
         "would force-unmount \"/run/media/user/DATA\\134backup/snapshots\" (sdb2) with umount2\n"
         "would force-unmount \"/run/media/user/DATA\\134backup\" (sdb2) with umount2\n");
-    // A disk that is no CD: its medium goes with the SCSI command.
-    Outcome card = run({"eject", "sdc"});
+    // A removable disk that is no CD (a stick's card): its medium goes with the SCSI command.
+    Outcome card = run({"eject", "sdb"});
     EXPECT_EQ(card.status, 0) << card.err;
-    EXPECT_EQ(card.out,
-              "disk sdc (8:32) with partitions sdc1 (8:33)\n"
-              "would unmount \"/run/media/user/OTHER\" (sdc1) with umount2\n"
-              "would eject sdc with SCSI START STOP UNIT\n");
+    EXPECT_EQ(card.out.substr(card.out.rfind("would")),
+              "would eject sdb with SCSI START STOP UNIT\n");
+    // A fixed disk is refused before anything is touched.
+    Outcome fixed = run({"eject", "sdc"});
+    EXPECT_EQ(fixed.status, 1);
+    EXPECT_EQ(fixed.out, "");
+    EXPECT_EQ(fixed.err, "qv-unmount-disk: cannot eject sdc: it is not a removable disk\n");
     Outcome cd = run({"eject", "sr0"});
     EXPECT_EQ(cd.out.substr(cd.out.rfind("would")), "would eject sr0 with the CDROMEJECT ioctl\n");
     Outcome partition = run({"eject", "sdb1"});
@@ -144,7 +147,7 @@ TEST(UnmountDiskCommand, DryRunOfForceAndEjectOnTheFixture) {
               "qv-unmount-disk: cannot eject sdb1: it is a partition, not a whole disk\n");
 }
 
-TEST(UnmountDiskCommand, DryRunListsTheWholeDiskPartitionsAndEject) {
+TEST(UnmountDiskCommand, DryRunListsTheWholeDiskAndPartitionsAndNeverAnEject) {
     Outcome disk = runOnFixture("sdb");
     EXPECT_EQ(disk.status, 0) << disk.err;
     EXPECT_EQ(disk.out,
@@ -164,8 +167,7 @@ TEST(UnmountDiskCommand, DryRunListsTheWholeDiskPartitionsAndEject) {
     EXPECT_EQ(cd.status, 0) << cd.err;
     EXPECT_EQ(cd.out,
               "disk sr0 (11:0)\n"
-              "would unmount \"/run/media/user/Driver CD\" (sr0) with umount2\n"
-              "would eject sr0 with the CDROMEJECT ioctl\n");
+              "would unmount \"/run/media/user/Driver CD\" (sr0) with umount2\n");
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Makes the Debian packages with CPack and checks what they hold and what they depend on.
-# Usage: build-debian-packages.sh BUILD_DIR WORK_DIR   (exit 77 without dpkg-deb)
+# Usage: build-debian-packages.sh BUILD_DIR WORK_DIR UDEV_RULES_DIR   (exit 77 without dpkg-deb)
 set -euo pipefail
-build=$1 work=$2
+build=$1 work=$2 udev_rules_dir=$3
 command -v dpkg-deb >/dev/null && command -v dpkg-shlibdeps >/dev/null ||
   { echo "SKIP: dpkg-deb or dpkg-shlibdeps is not installed"; exit 77; }
 rm -rf "$work"
@@ -25,6 +25,8 @@ for library in libglib2.0-0 libudev1 libssl3 libplist3 libstdc++6; do
   [[ "$depends" == *"$library"* ]] || fail "the runtime package does not depend on $library"
 done
 [[ "$(dpkg-deb -f "$runtime" Recommends)" == *udev* ]] || fail "udev is not recommended"
+# QVSystemHelper::sendSignal runs psmisc's killall.
+[[ "$depends" =~ (^|, )psmisc(,|$) ]] || fail "the runtime package does not depend on psmisc"
 dev_depends=$(dpkg-deb -f "$dev" Depends)
 echo "development Depends: $dev_depends"
 [[ "$dev_depends" == *"libqvdeviceobserver0 (= "* ]] ||
@@ -42,7 +44,8 @@ expect runtime '/share/QVDeviceObserver/Resources/DeviceDatabase\.plist$'
 expect runtime '/libexec/QVDeviceObserver/qv-unmount-disk$'
 expect runtime '/bin/qvdevice$'
 expect runtime '/man1/qvdevice\.1'
-expect runtime '/udev/rules\.d/[0-9][0-9]-qvdeviceobserver\.rules$'
+# In udev's own directory, whatever prefix the package has.
+expect runtime "^\\.$udev_rules_dir/[0-9][0-9]-qvdeviceobserver\\.rules\$"
 expect dev '/include/QVDeviceObserver/QVDeviceObserver\.h$'
 expect dev '/lib(/[^/]+)?/libQVDeviceObserver\.so$'
 expect dev '/pkgconfig/QVDeviceObserver\.pc$'

@@ -46,8 +46,12 @@ expect_file "$root/$QV_RESOURCES_SUBDIR/DeviceDatabase.plist"
 [[ -x "$root/$QV_LIBEXEC_SUBDIR/qv-unmount-disk" ]] || fail "qv-unmount-disk not in libexec"
 [[ -x "$root/$QV_BINDIR/qvdevice" ]] || fail "qvdevice not in bin"
 expect_file "$root/$QV_MANDIR/man1/qvdevice.1"
-rule=$(find "$stage$QV_UDEV_RULES_DIR" -name '[0-9][0-9]-*.rules' -print -quit 2>/dev/null || true)
-[[ -n "$rule" ]] || fail "no numbered udev rule in $QV_UDEV_RULES_DIR"
+# The rule goes where it was told, or under the prefix (this one is not /usr).
+rules_dir=${QV_UDEV_RULES_DIR:-$prefix/$QV_PREFIX_UDEV_RULES_SUBDIR}
+rule=$(find "$stage$rules_dir" -name '[0-9][0-9]-*.rules' -print -quit 2>/dev/null || true)
+[[ -n "$rule" ]] || fail "no numbered udev rule in $rules_dir"
+[[ -z "$(find "$stage" -path "$root" -prune -o -type f -print -quit)" ]] ||
+  fail "installed outside the prefix: $(find "$stage" -path "$root" -prune -o -type f -print)"
 grep -q 'SYMLINK+="cu.%k"' "$rule" || fail "$rule does not make the cu. links"
 grep -q "^prefix=$prefix\$" "$lib/pkgconfig/QVDeviceObserver.pc" ||
   fail "the .pc file's prefix is not $prefix"

@@ -223,6 +223,19 @@ TEST_F(EnablerTest, ReEnumerationReportsEachFailureAndGoesOn) {
     EXPECT_EQ(operations.back(), "Release");
     EXPECT_EQ(std::count(operations.begin(), operations.end(), "USBDeviceReEnumerate(0)"), 1);
 
+    // A node the user may not write (libusb's LIBUSB_ERROR_ACCESS): the log says what is missing.
+    stdout_->clear();
+    lines_->clear();
+    usb_->setCreateStatus(first, kIOReturnSuccess);
+    usb_->setOpenStatus(first, kIOReturnNotPrivileged);
+    enabler_->doReEnumerate_vid(0x0AF0, 0x7501);
+    EXPECT_EQ((*stdout_)[1], "unable to open interface err:e00002c1");
+    EXPECT_TRUE(
+        logged("No permission to reset USB device 0af0:7501: this user cannot write its "
+               "node under /dev/bus/usb."));
+    usb_->setOpenStatus(first, kIOReturnSuccess);
+    usb_->setCreateStatus(first, kIOReturnNotPrivileged);
+
     // Another model, or a stick of the model that has ports: nothing.
     stdout_->clear();
     io_registry_entry_t ported = addUsb(0x0AF0, 0x7501, 3);

@@ -86,6 +86,12 @@ const char* CardPrepCommand::usage() {
            "is sent. Needs the Debian package usb-modeswitch (and usb-modeswitch-data for the\n"
            "known sticks) and the right to open the stick (root, or a udev rule).\n"
            "\n"
+           "Normally the system switches such sticks itself as they are plugged in: the udev\n"
+           "rule of usb-modeswitch-data (40-usb_modeswitch.rules, with a generic entry for\n"
+           "Huawei sticks) runs usb_modeswitch as root. A stick that stays in storage mode\n"
+           "means that rule is missing: install usb-modeswitch and usb-modeswitch-data, or\n"
+           "run this tool as root.\n"
+           "\n"
            "options:\n"
            "  --dry-run               print the usb_modeswitch command and run nothing\n"
            "  --usb-modeswitch PATH   the usb_modeswitch program (default "
@@ -289,7 +295,8 @@ int CardPrepCommand::run() {
     if (access(options_.usbModeswitchPath.c_str(), X_OK) != 0) {
         return fail(options_.usbModeswitchPath +
                     " is missing: install the Debian packages usb-modeswitch and "
-                    "usb-modeswitch-data");
+                    "usb-modeswitch-data (whose udev rule then switches such sticks as they "
+                    "are plugged in)");
     }
     const std::vector<StickAddress> sticks = attachedSticks();
     if (sticks.empty()) {
@@ -319,7 +326,14 @@ int CardPrepCommand::run() {
         }
     }
     if (!failures.empty()) {
-        return fail("usb_modeswitch could not switch " + failures);
+        // usb_modeswitch needs to write the stick's USB node, which only root may by default.
+        return fail("usb_modeswitch could not switch " + failures +
+                    (geteuid() == 0 ? std::string()
+                                    : std::string(". Not running as root: the system normally "
+                                                  "switches the stick itself through the udev "
+                                                  "rule of usb-modeswitch-data; install "
+                                                  "usb-modeswitch and usb-modeswitch-data, or "
+                                                  "run CardPrepTool as root")));
     }
     return 0;
 }

@@ -37,6 +37,13 @@ std::optional<BlockDevice> readDevice(const fs::path& directory, const std::stri
     return device;
 }
 
+// The "removable" attribute holds "1\n" or "0\n"; a few bytes are all that is looked at.
+bool readRemovable(const fs::path& directory) {
+    std::ifstream file(directory / "removable");
+    char first = '0';
+    return file && file.get(first) && first == '1';
+}
+
 }  // namespace
 
 std::optional<DiskDevices> DiskDevices::read(const std::string& sysfsRoot, const std::string& name,
@@ -56,6 +63,7 @@ std::optional<DiskDevices> DiskDevices::read(const std::string& sysfsRoot, const
     if (result.isPartition_) {
         return result;
     }
+    result.isRemovable_ = readRemovable(directory);
     // Partitions are subdirectories carrying a "partition" attribute; other subdirectories
     // (queue, holders, power, ...) are not devices.
     std::vector<BlockDevice> partitions;

@@ -25,6 +25,9 @@ class DiskDevices {
     // The disk first, then its partitions by device number.
     const std::vector<BlockDevice>& devices() const { return devices_; }
     bool isPartition() const { return isPartition_; }
+    // sysfs's "removable" attribute of the disk is 1: a medium that may be taken out (a CD, a
+    // card reader's card). Not known counts as not removable.
+    bool isRemovable() const { return isRemovable_; }
 
     // The member with this device number, or nullptr.
     const BlockDevice* find(unsigned major, unsigned minor) const;
@@ -37,6 +40,7 @@ class DiskDevices {
   private:
     std::vector<BlockDevice> devices_;
     bool isPartition_ = false;
+    bool isRemovable_ = false;
 };
 
 }  // namespace diskunmounter

@@ -1,8 +1,12 @@
 #include "MountTable.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <charconv>
-#include <fstream>
-#include <sstream>
+#include <cstring>
 
 namespace diskunmounter {
 
@@ -126,20 +130,55 @@ std::optional<MountTable> MountTable::parse(std::string_view text, std::string* 
     return MountTable(std::move(entries));
 }
 
-std::optional<MountTable> MountTable::read(const std::string& path, std::string* error) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
+std::optional<MountTable> MountTable::read(const std::string& path, std::string* error,
+                                           std::size_t maximumBytes) {
+    auto failWith = [&](const std::string& why) -> std::optional<MountTable> {
         if (error) {
-            *error = "cannot read " + path;
+            *error = path + ": " + why;
         }
         return std::nullopt;
+    };
+    // Not blocking: a FIFO given as the table must not hang the tool in open().
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        return failWith(std::string("cannot read: ") + std::strerror(errno));
     }
-    std::ostringstream text;
-    text << file.rdbuf();
+    struct stat status {};
+    // The kernel's table is a regular file (of size 0); anything else is not a mount table.
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        close(fd);
+        return failWith("not a regular file");
+    }
+    std::string text;
+    char buffer[65536];
+    bool tooLarge = false;
+    for (;;) {
+        ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            int readError = errno;
+            close(fd);
+            return failWith(std::string("cannot read: ") + std::strerror(readError));
+        }
+        if (count == 0) {
+            break;
+        }
+        if (text.size() + static_cast<std::size_t>(count) > maximumBytes) {
+            tooLarge = true;
+            break;
+        }
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    close(fd);
+    if (tooLarge) {
+        return failWith("larger than " + std::to_string(maximumBytes) + " bytes");
+    }
     std::string parseError;
-    std::optional<MountTable> table = parse(text.str(), &parseError);
-    if (!table && error) {
-        *error = path + ": " + parseError;
+    std::optional<MountTable> table = parse(text, &parseError);
+    if (!table) {
+        return failWith(parseError);
     }
     return table;
 }

@@ -2,6 +2,7 @@
 // (/proc/self/mountinfo, described in proc(5)).
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,8 +29,12 @@ class MountTable {
     // Parses mountinfo text. A line that does not have the kernel's layout makes the whole table
     // unreadable (nullopt, error names the line): a mount skipped silently could be one of ours.
     static std::optional<MountTable> parse(std::string_view text, std::string* error);
-    // Reads and parses the file at `path`.
-    static std::optional<MountTable> read(const std::string& path, std::string* error);
+    // A table larger than this is refused (tens of thousands of mounts fit).
+    static constexpr std::size_t kMaximumBytes = 16 * 1024 * 1024;
+    // Reads and parses the regular file at `path`, at most `maximumBytes` of it: a larger file, a
+    // FIFO, a device or a directory is refused with the reason in `error`.
+    static std::optional<MountTable> read(const std::string& path, std::string* error,
+                                          std::size_t maximumBytes = kMaximumBytes);
 
     // Undoes the kernel's octal escapes (\040 for a space, \011, \012, \134 for a backslash).
     // A backslash not followed by three octal digits of one byte stays as it is.

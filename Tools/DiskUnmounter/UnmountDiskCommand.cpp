@@ -1,6 +1,10 @@
 #include "UnmountDiskCommand.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ostream>
 
 #include "KernelDiskActions.h"
@@ -56,10 +60,11 @@ const char* UnmountDiskCommand::usage() {
            "       qv-unmount-disk [options] eject NAME\n"
            "\n"
            "unmountDisk unmounts every mounted filesystem of the block device NAME and of its\n"
-           "partitions, then ejects the medium when NAME is an optical drive (sr0, sr1, ...).\n"
+           "partitions, and nothing more (an optical drive keeps its medium).\n"
            "With force, a filesystem that is still in use is detached instead of refused.\n"
            "eject unmounts the same and then ejects the medium of the whole disk NAME (a CD,\n"
-           "or a removable SCSI disk such as a modem's memory card).\n"
+           "or a removable SCSI disk such as a modem's memory card); a disk that sysfs does\n"
+           "not call removable is refused.\n"
            "NAME is a kernel name as listed in /sys/class/block (sdb, sr0, mmcblk0), not a\n"
            "path. udisks2 does the work when it is on the system bus, so that a desktop user\n"
            "may; otherwise the mounts found in the mount table are removed with umount2 and a\n"
@@ -161,6 +166,17 @@ int UnmountDiskCommand::main(const std::vector<std::string>& arguments, std::ost
     return UnmountDiskCommand(std::move(*options), out, err).run();
 }
 
+std::string UnmountDiskCommand::withPrivilegeAdvice(const std::string& message) {
+    const bool refused = message.find(std::strerror(EPERM)) != std::string::npos ||
+                         message.find(std::strerror(EACCES)) != std::string::npos;
+    if (!refused || geteuid() == 0) {
+        return message;
+    }
+    return message +
+           " (without udisks2 only root may do this: install and start udisks2, whose polkit "
+           "rules let the user at the seat unmount and eject removable disks)";
+}
+
 int UnmountDiskCommand::fail(const std::string& message) {
     std::string line = message;
     std::replace(line.begin(), line.end(), '\n', ' ');
@@ -168,11 +184,10 @@ int UnmountDiskCommand::fail(const std::string& message) {
     return 1;
 }
 
-bool UnmountDiskCommand::shouldEject(const DiskDevices& disk) const {
-    if (options_.command == DiskCommand::Eject) {
-        return true;
-    }
-    return !disk.isPartition() && isOpticalDriveName(disk.disk().name);
+bool UnmountDiskCommand::shouldEject() const {
+    // unmountDisk only unmounts, also an optical drive: the caller ejects with `eject` next, and
+    // that would fail on a drive already open.
+    return options_.command == DiskCommand::Eject;
 }
 
 std::string UnmountDiskCommand::kernelEjectWay(const DiskDevices& disk) const {
@@ -193,6 +208,10 @@ int UnmountDiskCommand::run() {
     // A medium belongs to the whole disk: ejecting "a partition" would take its siblings along.
     if (options_.command == DiskCommand::Eject && disk->isPartition()) {
         return fail("cannot eject " + options_.diskName + ": it is a partition, not a whole disk");
+    }
+    // A fixed disk has no medium to take out; stopping it could take the system's disk away.
+    if (options_.command == DiskCommand::Eject && !disk->isRemovable()) {
+        return fail("cannot eject " + options_.diskName + ": it is not a removable disk");
     }
     if (options_.dryRun) {
         out_ << "disk " << disk->description() << "\n";
@@ -240,7 +259,7 @@ int UnmountDiskCommand::unmountThroughUDisks(UDisksClient& client, const DiskDev
                      << ") through udisks2\n";
             }
         }
-        if (shouldEject(disk)) {
+        if (shouldEject()) {
             out_ << "would eject " << disk.disk().name << " through udisks2\n";
         }
         return 0;
@@ -268,7 +287,7 @@ int UnmountDiskCommand::unmountThroughUDisks(UDisksClient& client, const DiskDev
         return fail(deviceOf(left.front()) + " is still mounted at " +
                     MountTable::quoted(left.front()->mountPoints.front()));
     }
-    if (!shouldEject(disk)) {
+    if (!shouldEject()) {
         return 0;
     }
     auto drive = std::find_if(blocks.begin(), blocks.end(), [&](const UDisksClient::Block& b) {
@@ -325,14 +344,14 @@ int UnmountDiskCommand::runThroughKernel(const DiskDevices& disk) {
             } else if (KernelDiskActions::unmount(step.mountPoint, options_.force, &error)) {
                 out_ << "unmounted " << what << "\n";
             } else if (isStillMounted(disk, step)) {
-                return fail("cannot unmount " + what + ": " + error);
+                return fail(withPrivilegeAdvice("cannot unmount " + what + ": " + error));
             }
         }
         if (options_.dryRun) {
             break;
         }
     }
-    if (!shouldEject(disk)) {
+    if (!shouldEject()) {
         return 0;
     }
     if (options_.dryRun) {
@@ -340,7 +359,7 @@ int UnmountDiskCommand::runThroughKernel(const DiskDevices& disk) {
         return 0;
     }
     if (!KernelDiskActions::ejectMedium(disk.disk(), &error)) {
-        return fail("cannot eject " + disk.disk().name + ": " + error);
+        return fail(withPrivilegeAdvice("cannot eject " + disk.disk().name + ": " + error));
     }
     out_ << "ejected " << disk.disk().name << "\n";
     return 0;

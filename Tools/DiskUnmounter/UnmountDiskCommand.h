@@ -1,7 +1,7 @@
 // qv-unmount-disk: the disk utility the framework starts where the Mac had /usr/sbin/diskutil.
-// `unmountDisk [force] NAME` unmounts every mounted filesystem of one disk and its partitions,
-// then ejects the medium of an optical drive; `eject NAME` unmounts the same and ejects the
-// medium of any removable disk. NAME is a kernel block device name (sdb, sr0).
+// `unmountDisk [force] NAME` unmounts every mounted filesystem of one disk and its partitions and
+// nothing more; `eject NAME` unmounts the same and ejects the medium of a removable disk. NAME is
+// a kernel block device name (sdb, sr0).
 #pragma once
 
 #include <iosfwd>
@@ -44,18 +44,20 @@ class UnmountDiskCommand {
     static const char* usage();
 
     // Checks the name and the disk, then unmounts. 0 when everything of the disk is unmounted
-    // (and an optical medium ejected); 1 after printing one line to `err` otherwise.
+    // (and, for eject, the medium ejected); 1 after printing one line to `err` otherwise.
     int run();
 
   private:
     int fail(const std::string& message);
+    // A refusal for lack of privilege (not root, no udisks2) says what would allow it.
+    static std::string withPrivilegeAdvice(const std::string& message);
     // Answers nullopt when udisks2 cannot do the job and the kernel way should be taken.
     std::optional<int> runThroughUDisks(const DiskDevices& disk);
     int unmountThroughUDisks(UDisksClient& client, const DiskDevices& disk,
                              std::vector<UDisksClient::Block> blocks);
     int runThroughKernel(const DiskDevices& disk);
     bool isStillMounted(const DiskDevices& disk, const PlannedUnmount& step) const;
-    bool shouldEject(const DiskDevices& disk) const;
+    bool shouldEject() const;
     std::string kernelEjectWay(const DiskDevices& disk) const;
 
     UnmounterOptions options_;

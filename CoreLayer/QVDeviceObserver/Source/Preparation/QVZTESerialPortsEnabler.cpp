@@ -174,6 +174,13 @@ void QVZTESerialPortsEnabler::doReEnumerate_vid(std::int32_t vid, std::int32_t p
             deviceInterface->USBDeviceReEnumerate(0);
         } else {
             qv::writeToStandardOutput(qv::format("unable to open interface err:%08x", hex(opened)));
+            if (opened == kIOReturnNotPrivileged) {
+                qv::logRecognition(
+                    "No permission to reset USB device %04x:%04x: this user cannot write its "
+                    "node under /dev/bus/usb. The udev rule installed with the framework gives "
+                    "the user at the seat access to known sticks; otherwise only root may.",
+                    hex(vid), hex(prod));
+            }
         }
         // Released without closing: the re-enumeration makes the device leave and come back.
         deviceInterface.reset();
