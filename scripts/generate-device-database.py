@@ -118,7 +118,7 @@ def desired_entry(model):
     }
     if model.get("model", "-") != "-":
         entry[K + "Description"] = model["model"]
-    described = []
+    described = []  # (position, role, optional, shifts), in port index order
     for role_wanted in ("modem", "control", "pcui", "gps"):
         for position, (_, role, optional) in enumerate(ports):
             if role != role_wanted:
@@ -145,6 +145,12 @@ def desired_entry(model):
         entry[f"{K}Capabilities.Port-{index}"] = caps
         for alternative in range(shifts):
             entry[f"{K}PatternAlternative-{alternative}.Port-{index}"] = str(position - alternative - 1)
+    # For people and `qvdevice db show`/`db check`: the USB interface each described port sits on,
+    # and how many ttys the driver gives the model. The framework's classification reads neither.
+    if described and model["driver"] not in ("serial", "nozomi"):
+        entry[K + "Interfaces"] = [ports[position][0] for position, _, _, _ in described]
+    if ports:
+        entry[K + "DriverPortCount"] = len(ports)
     if model["network"] != "-":
         entry[K + "Capabilities.Ethernet-0"] = (
             "DataTransport" if any(r == "modem" for _, r, _ in ports) or not ports
