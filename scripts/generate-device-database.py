@@ -38,7 +38,7 @@ CONTROL_CAPS = ("GroundInit, SignalStrength, DeviceRecognition, DeviceInfo, Netw
                 "ControlWWANInterface, USSDServices, Unsolicited, SMS")
 MODEM_CAPS = "DataTransport, ConnectInit, RadioLinkAccess"
 GENERIC = {
-    15354: ("Option", "Option-class device", "0x0AF0", "hso", "0=control 1=app 2=diag 3=modem", "hso:hso0"),
+    15354: ("Option", "Option-class device", "0x0AF0", "hso", "0=control,app 1=diag 2=modem", "hso:hso0"),
     15355: ("Huawei", "Huawei-class device", "0x12D1", "option", "0=modem 1=diag 2=pcui", "-"),
     15356: ("ZTE", "ZTE-device old generation", "0x19D2", "option", "0=diag 1=pcui 2=aux 3=modem", "-"),
 }

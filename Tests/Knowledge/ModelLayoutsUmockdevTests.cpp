@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 #include <umockdev.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>

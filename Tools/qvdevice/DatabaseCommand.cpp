@@ -105,7 +105,7 @@ long long interfaceOfPort(const QVDeviceDatabaseEntry& entry, std::size_t index)
     const qv::Value& interfaces =
         entry.objectForKey(std::string(QVDeviceDatabaseKeys::kInterfaces));
     const qv::Array* list = interfaces.asArray();
-    if (list == nullptr || index >= list->size() || !(*list)[index].isNumber()) {
+    if (list == nullptr || index >= list->size() || !(*list)[index].isInteger()) {
         return -1;
     }
     return (*list)[index].integerValue();
