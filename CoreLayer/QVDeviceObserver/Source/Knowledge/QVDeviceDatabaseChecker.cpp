@@ -224,7 +224,7 @@ class ValueChecker {
             const qv::Array* list = interfaces->asArray();
             bool numbers = list != nullptr &&
                            std::all_of(list->begin(), list->end(), [](const qv::Value& item) {
-                               return item.isNumber() && item.integerValue() >= 0;
+                               return item.isInteger() && item.integerValue() >= 0;
                            });
             if (!numbers) {
                 add(qv::format("%s is %s, not a list of interface numbers", Keys::kInterfaces,

@@ -220,7 +220,8 @@ void QVUSBDevice::reportPortMarkConflicts(const QVIODevice& ioDevice) {
         qv::logRecognition(
             "Port %@ is marked %@ by the udev rules, but the device database gives it %s: the "
             "model's port layout and the rules disagree (Quorvel ID %d)",
-            *port->path(), mark, role, static_cast<int>(quorvelID()));
+            *port->path(), mark, role,
+            static_cast<int>(databaseEntry() ? databaseEntry()->quorvelID() : 0));
         _reportedPortMarkConflict = true;
     }
 }
