@@ -69,7 +69,6 @@ void addRows(const qv::Registry::EntryView& device, const QVDeviceDatabase* data
             row.tty = client.properties["IOTTYDevice"].stringValue();
             row.interface = number.isNumber() ? number.integerValue() : -1;
             row.mark = client.properties[qv::kPortFunctionKey].stringValue();
-            row.role = "-";
             if (record) {
                 const std::string path = client.properties["IOCalloutDevice"].stringValue();
                 if (auto port = record->interfaceWithPortPath(path)) {
