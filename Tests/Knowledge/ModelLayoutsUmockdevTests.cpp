@@ -199,13 +199,13 @@ TEST_F(ModelLayoutsUmockdev, ListShowsInterfaceMarkAndRoleOfEachTTY) {
                             "(Quorvel ID 15400)\n"),
               std::string::npos);
     ASSERT_EQ(json.code, 0) << json.err;
-    qv::Json ports = qv::Json::parse(json.out)["serialPorts"];
-    ASSERT_EQ(ports.size(), 4u);
-    EXPECT_EQ(ports[1]["interface"], 2);
-    EXPECT_EQ(ports[1]["mark"], "GPS");
-    EXPECT_EQ(ports[1]["role"], "data");
-    EXPECT_EQ(ports[1]["conflict"], true);
-    EXPECT_EQ(ports[3]["conflict"], false);
+    qv::Json listed = qv::Json::parse(json.out)["serialPorts"];
+    ASSERT_EQ(listed.size(), 4u);
+    EXPECT_EQ(listed[1]["interface"], 2);
+    EXPECT_EQ(listed[1]["mark"], "GPS");
+    EXPECT_EQ(listed[1]["role"], "data");
+    EXPECT_EQ(listed[1]["conflict"], true);
+    EXPECT_EQ(listed[3]["conflict"], false);
 }
 
 }  // namespace
