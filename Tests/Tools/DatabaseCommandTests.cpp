@@ -95,7 +95,7 @@ TEST(DatabaseCommand, ShowResolvesInheritance) {
 
     ToolRun text = runQvdevice({"db", "show", "1002", "--file", fixture("Family.plist")});
     ASSERT_EQ(text.code, 0) << text.err;
-    EXPECT_NE(text.out.find("  0: \"/dev/cu\\\\.ttyACM[0-9]+\", data+control, interface not "
+    EXPECT_NE(text.out.find("  0: \"/dev/cu\\\\.ttyACM[0-9]+\", data+control+GPS, interface not "
                             "recorded, capabilities: "),
               std::string::npos)
         << text.out;
