@@ -186,18 +186,18 @@ TEST_F(ModelLayoutsUmockdev, ListShowsInterfaceMarkAndRoleOfEachTTY) {
     qv::Bundle::setResourcesDirectory(std::nullopt);
     qv::Registry::resetShared();
     ASSERT_EQ(text.code, 0) << text.err;
-    EXPECT_NE(text.out.find("  19d2:0002  ttyUSB0  interface 0  mark \"QCDM\"  role - (Quorvel ID "
+    EXPECT_NE(text.out.find("  19d2:0002  ttyUSB0  interface 0  mark QCDM  role - (Quorvel ID "
                             "15400)\n"),
               std::string::npos)
         << text.out;
-    EXPECT_NE(text.out.find("  19d2:0002  ttyUSB1  interface 2  mark \"GPS\"  role data (Quorvel "
+    EXPECT_NE(text.out.find("  19d2:0002  ttyUSB1  interface 2  mark GPS  role data (Quorvel "
                             "ID 15400)  CONFLICT: the udev rules mark this port GPS\n"),
               std::string::npos)
         << text.out;
     EXPECT_NE(text.out.find("  19d2:0002  ttyUSB2  interface 3  mark -  role - (Quorvel ID "
                             "15400)\n"),
               std::string::npos);
-    EXPECT_NE(text.out.find("  19d2:0002  ttyUSB3  interface 4  mark \"AT\"  role control "
+    EXPECT_NE(text.out.find("  19d2:0002  ttyUSB3  interface 4  mark AT  role control "
                             "(Quorvel ID 15400)\n"),
               std::string::npos);
     ASSERT_EQ(json.code, 0) << json.err;

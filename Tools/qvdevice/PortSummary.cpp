@@ -123,7 +123,8 @@ void printPortSummary(std::ostream& out, const std::vector<PortSummaryRow>& rows
     for (const PortSummaryRow& row : rows) {
         out << "  " << row.device << "  " << row.tty << "  interface "
             << (row.interface < 0 ? std::string("?") : std::to_string(row.interface)) << "  mark "
-            << (row.mark.empty() ? "-" : qv::quotedDescription(row.mark)) << "  role " << row.role;
+            << (row.mark.empty() ? "-" : qv::quotedDescription(row.mark)) << "  role "
+            << (row.role.empty() ? std::string("-") : row.role);
         if (row.quorvelID <= 0) {
             out << " (the table names no single model)";
         } else {
@@ -145,7 +146,7 @@ qv::Json portSummaryToJson(const std::vector<PortSummaryRow>& rows) {
         item["tty"] = row.tty;
         item["interface"] = row.interface < 0 ? qv::Json() : qv::Json(row.interface);
         item["mark"] = row.mark.empty() ? qv::Json() : qv::Json(row.mark);
-        item["role"] = row.role;
+        item["role"] = row.role.empty() ? std::string("-") : row.role;
         item["conflict"] = row.conflict;
         list.push_back(std::move(item));
     }

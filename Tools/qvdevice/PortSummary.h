@@ -21,7 +21,7 @@ struct PortSummaryRow {
     std::string tty;           // "ttyUSB2"
     long long interface = -1;  // bInterfaceNumber, -1 when the registry does not say
     std::string mark;          // "QCDM", "GPS", "AT", "Ignore" or "" (none)
-    std::string role;          // "data", "control", "data+control", "GPS", "other", "-"
+    std::string role;          // "data", "control", "data+control", "GPS", "other"; empty: none
     bool conflict = false;     // data or control on a port marked QCDM or GPS
 };
 
