@@ -1,5 +1,5 @@
 // The shipped device database against the built-in table and the model list it is generated
-// from (Tests/Data/table-models.tsv): every model has an entry, inheritance is sound, every port
+// from (scripts/device-models.tsv): every model has an entry, inheritance is sound, every port
 // rule is well-formed, and the rules find each model's ports where Linux puts them.
 #include <gtest/gtest.h>
 
@@ -17,6 +17,7 @@
 #include "Knowledge/QVDeviceDatabaseChecker.h"
 #include "Knowledge/QVDeviceDatabaseEntry.h"
 #include "QVDeviceKnowledge/QVDeviceTables.h"
+#include "Support/DeviceModelsList.h"
 
 namespace {
 
@@ -55,36 +56,6 @@ class Entries {
     std::shared_ptr<QVDeviceDatabase> database_;
     std::set<int> ids_;
 };
-
-struct Model {
-    int id;
-    std::uint32_t vendor, product;
-    std::string ports;    // "ttyUSB0=modem ttyUSB1=diag ttyUSB2=pcui?"
-    std::string network;  // "qmi_wwan:wwan0" or "-"
-    std::string driverDisk;
-};
-
-std::vector<Model> readModels() {
-    std::ifstream in(std::string(QV_TEST_DATA_DIR) + "/table-models.tsv");
-    std::vector<Model> models;
-    std::string line;
-    std::getline(in, line);
-    while (std::getline(in, line)) {
-        std::vector<std::string> fields;
-        std::stringstream split(line);
-        for (std::string field; std::getline(split, field, '\t');) {
-            fields.push_back(field);
-        }
-        EXPECT_EQ(fields.size(), 11u) << line;
-        if (fields.size() == 11) {
-            models.push_back({std::stoi(fields[0]),
-                              static_cast<std::uint32_t>(std::stoul(fields[1], nullptr, 16)),
-                              static_cast<std::uint32_t>(std::stoul(fields[2], nullptr, 16)),
-                              fields[6], fields[7], fields[8]});
-        }
-    }
-    return models;
-}
 
 const std::set<std::string>& capabilityWords() {
     static const std::set<std::string> words = {
@@ -261,9 +232,9 @@ TEST_F(ShippedDatabase, EveryRuleIsWellFormed) {
 // without the ports the model may lack.
 TEST_F(ShippedDatabase, RulesFindEachModelsLinuxPorts) {
     Entries entries(database_);
-    std::vector<Model> models = readModels();
+    std::vector<testmodels::DeviceModel> models = testmodels::readDeviceModels();
     ASSERT_EQ(models.size(), 151u);
-    for (const Model& model : models) {
+    for (const testmodels::DeviceModel& model : models) {
         SCOPED_TRACE(model.id);
         ASSERT_TRUE(entries.has(model.id));
         // The model list describes the table's models: its pair is a table row of that ID.
@@ -279,19 +250,8 @@ TEST_F(ShippedDatabase, RulesFindEachModelsLinuxPorts) {
             bool optional;
         };
         std::vector<Port> ports;
-        std::stringstream tokens(model.ports == "-" ? "" : model.ports);
-        for (std::string token; tokens >> token;) {
-            std::size_t equals = token.find('=');
-            std::string name = token.substr(0, equals);
-            std::string role = token.substr(equals + 1);
-            bool optional = role.back() == '?';
-            if (optional) {
-                role.pop_back();
-            }
-            if (name.back() == '*') {
-                name.back() = '4';
-            }
-            ports.push_back({"/dev/cu." + name, role, optional});
+        for (const testmodels::ModelTTY& tty : model.ttys) {
+            ports.push_back({"/dev/cu." + tty.name, tty.role, tty.optional});
         }
         for (bool withOptional : {true, false}) {
             std::vector<std::string> paths;
@@ -324,9 +284,19 @@ TEST_F(ShippedDatabase, RulesFindEachModelsLinuxPorts) {
                     EXPECT_EQ(roleOf[*path], "gps");
                 }
             }
-            bool hasModem = model.ports.find("=modem") != std::string::npos;
+            bool hasModem = false;
+            for (const Port& port : ports) {
+                hasModem |= port.role == "modem";
+            }
             EXPECT_EQ(dataRoles,
                       hasModem ? std::set<std::string>{"modem"} : std::set<std::string>{});
+            bool hasControl = false;
+            for (const auto& [path, role] : roleOf) {
+                hasControl |= role == "control" || role == "pcui";
+            }
+            // A model with a control port present gets control commands there, never only on its
+            // modem.
+            EXPECT_EQ(hasControl, controlRoles.count("control") + controlRoles.count("pcui") > 0);
             for (const std::string& role : controlRoles) {
                 EXPECT_TRUE(role == "pcui" || role == "control" || role == "modem") << role;
             }

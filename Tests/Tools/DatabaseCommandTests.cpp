@@ -110,7 +110,9 @@ TEST(DatabaseCommand, ShowResolvesInheritance) {
 
     ToolRun text = runQvdevice({"db", "show", "1002", "--file", fixture("Family.plist")});
     ASSERT_EQ(text.code, 0) << text.err;
-    EXPECT_NE(text.out.find("  0: \"/dev/cu\\\\.ttyACM[0-9]+\", capabilities: "), std::string::npos)
+    EXPECT_NE(text.out.find("  0: \"/dev/cu\\\\.ttyACM[0-9]+\", data+control+GPS, interface not "
+                            "recorded, capabilities: "),
+              std::string::npos)
         << text.out;
     EXPECT_NE(text.out.find("     alternative 0: \"/dev/cu\\\\.ttyUSB0\"\n"), std::string::npos);
     EXPECT_NE(text.out.find("\"DeviceDatabase.Manufacturer\" = \"Huawei\"  (from 15354)\n"),
@@ -138,6 +140,28 @@ TEST(DatabaseCommand, ShowResolvesInheritance) {
     for (const char* id : {"abc", "-1", "0", "2147483648"}) {
         EXPECT_EQ(runQvdevice({"db", "show", id, "--file", fixture("Family.plist")}).code, 2) << id;
     }
+}
+
+// Per role, the USB interface the shipped database expects: a ZTE stick whose driver reserves
+// interface 1 has its modem on interface 2 (the second tty) and its control port on interface 4.
+TEST(DatabaseCommand, ShowTellsWhichInterfaceEachRoleExpects) {
+    qv::Bundle::setResourcesDirectory(QV_BUILD_RESOURCES_DIR);
+    ToolRun text = runQvdevice({"db", "show", "15400"});
+    ToolRun json = runQvdevice({"db", "show", "15400", "--json"});
+    qv::Bundle::setResourcesDirectory(std::nullopt);
+    ASSERT_EQ(text.code, 0) << text.err;
+    EXPECT_NE(text.out.find("  0: \"1\", data, USB interface 2, capabilities: "), std::string::npos)
+        << text.out;
+    EXPECT_NE(text.out.find("  1: \"3\", control, USB interface 4, capabilities: "),
+              std::string::npos);
+    EXPECT_NE(text.out.find("Serial ports the model's driver gives: 4\n"), std::string::npos);
+    ASSERT_EQ(json.code, 0) << json.err;
+    qv::Json entry = qv::Json::parse(json.out);
+    ASSERT_EQ(entry["ports"].size(), 2u);
+    EXPECT_EQ(entry["ports"][0]["interface"], 2);
+    EXPECT_EQ(entry["ports"][0]["role"], "data");
+    EXPECT_EQ(entry["ports"][1]["interface"], 4);
+    EXPECT_EQ(entry["ports"][1]["role"], "control");
 }
 
 }  // namespace

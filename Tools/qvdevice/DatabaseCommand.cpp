@@ -19,6 +19,7 @@
 #include "Knowledge/QVDeviceDatabaseChecker.h"
 #include "Knowledge/QVDeviceDatabaseEntry.h"
 #include "Knowledge/QVDeviceDatabaseKeys.h"
+#include "PortSummary.h"
 
 namespace qvdevice {
 
@@ -99,6 +100,18 @@ std::string joinedCapabilities(const QVCapabilitySet& capabilities) {
     return text.empty() ? "none" : text;
 }
 
+// The USB interface number the models list puts port `index` on, or -1 when the entry does not
+// say.
+long long interfaceOfPort(const QVDeviceDatabaseEntry& entry, std::size_t index) {
+    const qv::Value& interfaces =
+        entry.objectForKey(std::string(QVDeviceDatabaseKeys::kInterfaces));
+    const qv::Array* list = interfaces.asArray();
+    if (list == nullptr || index >= list->size() || !(*list)[index].isInteger()) {
+        return -1;
+    }
+    return (*list)[index].integerValue();
+}
+
 template <std::size_t N>
 std::string enumerationText(std::int32_t number, const std::array<std::string_view, N>& names) {
     std::string name = number >= 0 && static_cast<std::size_t>(number) < N
@@ -140,6 +153,9 @@ qv::Json entryToJson(const QVDeviceDatabaseEntry& entry,
         item["alternatives"] = std::move(alternatives);
         item["capabilities"] = capabilitiesToJson(port.capabilities);
         item["required"] = port.required;
+        item["role"] = portRoleText(port.capabilities);
+        const long long interface = interfaceOfPort(entry, port.index);
+        item["interface"] = interface < 0 ? qv::Json() : qv::Json(interface);
         ports.push_back(std::move(item));
     }
     out["ports"] = std::move(ports);
@@ -176,13 +192,21 @@ void printEntry(std::ostream& out, const QVDeviceDatabaseEntry& entry,
         entry.portIdentificationPatternsAndCapabilities();
     out << "Serial ports: " << (ports.empty() ? "none" : std::to_string(ports.size())) << "\n";
     for (const QVDatabasePortDescription& port : ports) {
+        const long long interface = interfaceOfPort(entry, port.index);
         out << "  " << port.index << ": " << shownValue(port.pattern)
-            << (port.required ? "" : " (optional)")
+            << (port.required ? "" : " (optional)") << ", " << portRoleText(port.capabilities)
+            << (interface < 0 ? std::string(", interface not recorded")
+                              : ", USB interface " + std::to_string(interface))
             << ", capabilities: " << joinedCapabilities(port.capabilities) << "\n";
         for (std::size_t a = 0; a < port.alternativePatterns.size(); ++a) {
             out << "     alternative " << a << ": " << shownValue(port.alternativePatterns[a])
                 << "\n";
         }
+    }
+    const qv::Value& driverPorts =
+        entry.objectForKey(std::string(QVDeviceDatabaseKeys::kDriverPortCount));
+    if (driverPorts.isNumber()) {
+        out << "Serial ports the model's driver gives: " << driverPorts.integerValue() << "\n";
     }
     out << "Ethernet capabilities: "
         << joinedCapabilities(entry.ethernetInterfaceCapabilitiesAtIndex(0)) << "\n";

@@ -136,6 +136,7 @@ void QVIODevice::updateFromIORegistry() {
     _ports.clear();
     _portsPaths.clear();
     _portsNotForAT.clear();
+    _portFunctions.clear();
     while (io_registry_entry_t entry = IOIteratorNext(below)) {
         examineDescendant(entry);
         IOObjectRelease(entry);
@@ -157,8 +158,11 @@ void QVIODevice::examineDescendant(io_registry_entry_t entry) {
         if (const std::string* text = callout.asString()) {
             _portsPaths.push_back(*text);
             qv::Value function = IORegistryEntryCreateCFProperty(entry, qv::kPortFunctionKey);
-            if (function.isString() && !qv::isPortFunctionForAT(*function.asString())) {
-                _portsNotForAT.push_back(*text);
+            if (const std::string* mark = function.asString()) {
+                _portFunctions.emplace_back(*text, *mark);
+                if (!qv::isPortFunctionForAT(*mark)) {
+                    _portsNotForAT.push_back(*text);
+                }
             }
         }
     }
@@ -215,6 +219,15 @@ void QVIODevice::findDriverBundleAt(io_registry_entry_t entry) {
 
 bool QVIODevice::isPortForATCommands(const std::string& path) const {
     return std::find(_portsNotForAT.begin(), _portsNotForAT.end(), path) == _portsNotForAT.end();
+}
+
+std::string QVIODevice::portFunction(const std::string& path) const {
+    for (const auto& [portPath, mark] : _portFunctions) {
+        if (portPath == path) {
+            return mark;
+        }
+    }
+    return "";
 }
 
 bool QVIODevice::isEqual(const qv::Object& other) const {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Foundation/Object.h"
@@ -40,6 +41,9 @@ class QVIODevice : public qv::Object {
     // Whether a callout path may be asked AT commands: false for ports that the platform marked
     // as diagnostics, GPS or no modem port at all ("PortFunction" on the serial client).
     bool isPortForATCommands(const std::string& path) const;
+    // The mark udev rules put on a callout path ("QCDM", "GPS", "Ignore", "AT"), or "" when the
+    // port has none.
+    std::string portFunction(const std::string& path) const;
     const qv::Value& ethernetInterfaceName() const { return _ethernetInterfaceName; }
     const qv::Value& driverDiskName() const { return _driverDiskName; }
     const qv::Value& secondaryDiskName() const { return _secondaryDiskName; }
@@ -85,6 +89,7 @@ class QVIODevice : public qv::Object {
     qv::Value _locationId;
     std::vector<std::string> _ports;
     std::vector<std::string> _portsNotForAT;
+    std::vector<std::pair<std::string, std::string>> _portFunctions;  // callout path, mark
     std::vector<std::string> _portsPaths;
     qv::Value _ethernetInterfaceName;
     qv::Value _driverDiskName;

@@ -180,6 +180,7 @@ class ValueChecker {
         const std::string gap =
             qv::format("%s is missing, which ends the list of ports", patternKey(described));
         checkStrategy(described);
+        checkDriverPorts(described);
         for (const auto& [key, value] : _values) {
             std::optional<IndexedKey> indexed = parseIndexedKey(key);
             if (!indexed) {
@@ -211,6 +212,63 @@ class ValueChecker {
                     }
                     checkCapabilities(key, value);
                     break;
+            }
+        }
+    }
+
+    // The layout against what the model's driver gives: no more ports than it has ttys, no
+    // position past its last tty, and one interface number per described port.
+    void checkDriverPorts(std::uint32_t described) {
+        const qv::Value* interfaces = _values.find(Keys::kInterfaces);
+        if (interfaces != nullptr && interfaces->isPresent()) {
+            const qv::Array* list = interfaces->asArray();
+            bool numbers = list != nullptr &&
+                           std::all_of(list->begin(), list->end(), [](const qv::Value& item) {
+                               return item.isInteger() && item.integerValue() >= 0;
+                           });
+            if (!numbers) {
+                add(qv::format("%s is %s, not a list of interface numbers", Keys::kInterfaces,
+                               typeName(*interfaces)));
+            } else if (list->size() != described) {
+                add(qv::format("%s names %zu interfaces for %u described ports", Keys::kInterfaces,
+                               list->size(), described));
+            }
+        }
+        const qv::Value* count = _values.find(Keys::kDriverPortCount);
+        if (count == nullptr || count->isAbsent()) {
+            return;
+        }
+        std::optional<long long> ports = wholeInteger(*count);
+        if (!ports || *ports < 0) {
+            add(qv::format("%s is %s, not a number of ports", Keys::kDriverPortCount,
+                           shown(*count)));
+            return;
+        }
+        if (described > *ports) {
+            add(qv::format("the layout names %u ports, but the model's driver gives %lld",
+                           described, *ports));
+        }
+        const qv::Value* strategy = _values.find(Keys::kPortIdentificationStrategy);
+        if (strategy == nullptr ||
+            *strategy != qv::Value(std::string(Keys::kStrategyByPortNumber))) {
+            return;
+        }
+        for (const auto& [key, value] : _values) {
+            std::optional<IndexedKey> indexed = parseIndexedKey(key);
+            bool readPattern = indexed && indexed->index < described &&
+                               (indexed->kind == IndexedKind::Pattern ||
+                                indexed->kind == IndexedKind::Alternative);
+            const std::string* text = value.asString();
+            if (!readPattern || text == nullptr || text->empty() || text->size() > 9 ||
+                !std::all_of(text->begin(), text->end(),
+                             [](char c) { return c >= '0' && c <= '9'; })) {
+                continue;
+            }
+            if (std::stoll(*text) >= *ports) {
+                add(
+                    qv::format("%s is position %s, past the last of the %lld ports the model's "
+                               "driver gives",
+                               key, *text, *ports));
             }
         }
     }

@@ -34,6 +34,11 @@ inline constexpr std::string_view kSequence4G3GOnly = "DeviceDatabase.Sequence.4
 // The model's name, for people reading the file (and `qvdevice db show`); the framework does not
 // read it.
 inline constexpr std::string_view kDescription = "DeviceDatabase.Description";
+// What the models list knows of the model's Linux ports, for `qvdevice db show` and `db check`
+// (the framework does not read them): the USB interface number each described port sits on (an
+// array of integers, one per port index), and how many ttys the model's driver gives it.
+inline constexpr std::string_view kInterfaces = "DeviceDatabase.Interfaces";
+inline constexpr std::string_view kDriverPortCount = "DeviceDatabase.DriverPortCount";
 
 // Indexed keys: the prefix, then the decimal index; an alternative pattern's key holds the
 // alternative index, then the port index ("DeviceDatabase.PatternAlternative-1.Port-0" is the
@@ -46,7 +51,9 @@ inline constexpr std::string_view kCapabilitiesEthernetPrefix =
     "DeviceDatabase.Capabilities.Ethernet-";
 
 // Every key without an index that an entry may hold.
-inline constexpr std::array<std::string_view, 17> kPlainKeys = {kDescription,
+inline constexpr std::array<std::string_view, 19> kPlainKeys = {kDescription,
+                                                                kInterfaces,
+                                                                kDriverPortCount,
                                                                 kQuorvelID,
                                                                 kAncestorQuorvelID,
                                                                 kPortIdentificationStrategy,

@@ -115,6 +115,9 @@ bool QVUSBDevice::couldClassifyPortsFromIODevice(const QVIODevice& ioDevice,
     if (classifySerialPorts && !couldIdentifySerialPortsFromIODevice(ioDevice)) {
         return false;
     }
+    if (classifySerialPorts) {
+        reportPortMarkConflicts(ioDevice);
+    }
     const std::string* interfaceName = ioDevice.ethernetInterfaceName().asString();
     if (interfaceName == nullptr) {
         return true;
@@ -193,6 +196,34 @@ bool QVUSBDevice::couldIdentifySerialPortsByLayout(const QVIODevice& ioDevice,
         found = true;
     }
     return found;
+}
+
+void QVUSBDevice::reportPortMarkConflicts(const QVIODevice& ioDevice) {
+    if (_reportedPortMarkConflict) {
+        return;
+    }
+    for (const auto& interface : interfaces()) {
+        const auto* port = dynamic_cast<const QVSerialInterface*>(interface.get());
+        if (port == nullptr || !port->path()) {
+            continue;
+        }
+        const std::string mark = ioDevice.portFunction(*port->path());
+        if (mark != "QCDM" && mark != "GPS") {
+            continue;
+        }
+        const char* role = port->hasCapability(kQVCapabilityDataTransport) ? "data"
+                           : port->hasCapability("NetworkQuery")           ? "control"
+                                                                           : nullptr;
+        if (role == nullptr) {
+            continue;
+        }
+        qv::logRecognition(
+            "Port %@ is marked %@ by the udev rules, but the device database gives it %s: the "
+            "model's port layout and the rules disagree (Quorvel ID %d)",
+            *port->path(), mark, role,
+            static_cast<int>(databaseEntry() ? databaseEntry()->quorvelID() : 0));
+        _reportedPortMarkConflict = true;
+    }
 }
 
 void QVUSBDevice::assertIsKnownClassificationScheme() const {

@@ -109,6 +109,11 @@ class QVUSBDevice : public QVDevice {
     void decodeWithCoder(qv::KeyedUnarchiver& coder) override;
 
   private:
+    // Logs, once per record, a port that udev rules mark as diagnostics or GPS while the database
+    // gives it data or control: the model's layout and the rules disagree.
+    void reportPortMarkConflicts(const QVIODevice& ioDevice);
+
     std::int32_t _vendorID = 0;
+    bool _reportedPortMarkConflict = false;
     std::int32_t _productID = 0;
 };
