@@ -221,10 +221,13 @@ class EngineLoop {
         }
         channel.command = command->text;
         channel.commandTimeout = command->timeout;
+        channel.commandDeadline = after(Clock::now(), command->timeout);
         channel.reader.begin(command->text);
+        if (command->listenOnly) {
+            return;
+        }
         channel.output += command->text;
         channel.output += '\r';
-        channel.commandDeadline = after(Clock::now(), command->timeout);
         flush(channel);
     }
 
@@ -262,7 +265,10 @@ class EngineLoop {
             for (int i = 0; i < kReadsPerTurn && !channel.done; ++i) {
                 ssize_t size = ::read(channel.port->fd(), buffer, sizeof buffer);
                 if (size > 0) {
-                    if (channel.reader.feed(buffer, static_cast<std::size_t>(size))) {
+                    // The reader takes the whole read: bytes behind a final result are read on
+                    // as reports, never as the next command's answer.
+                    bool wasWaiting = !channel.reader.complete();
+                    if (channel.reader.feed(buffer, static_cast<std::size_t>(size)) && wasWaiting) {
                         AtResponse response = channel.reader.response();
                         advance(channel, &response);
                     }
@@ -295,6 +301,7 @@ class EngineLoop {
             } else if (now >= channel->commandDeadline) {
                 AtResponse response = channel->reader.response();
                 response.final = AtFinal::Timeout;
+                channel->reader.standBy();
                 advance(*channel, &response);
             }
         }
