@@ -33,8 +33,8 @@ bool startsWith(const std::string& text, const char* prefix) {
 // Commands that need the SIM: with the PIN outstanding or no SIM they fail with +CME ERROR.
 bool needsSim(const std::string& command) {
     // Huawei answers AT^ICCID? with the PIN outstanding (modemmanager-devel 2013-09-25).
-    for (const char* prefix : {"AT+CIMI", "AT+CCID", "AT+ICCID", "AT+COPS?", "AT+CNUM",
-                               "AT+CPBR", "AT+CMGL", "AT+CRSM"}) {
+    for (const char* prefix : {"AT+CIMI", "AT+CCID", "AT+ICCID", "AT+COPS?", "AT+CNUM", "AT+CPBR",
+                               "AT+CMGL", "AT+CRSM"}) {
         if (startsWith(command, prefix)) {
             return true;
         }

@@ -79,7 +79,6 @@ int main(int argc, char** argv) {
         std::cerr << "qv-modem-simulator: " << error << "\n";
         return 1;
     }
-    std::cout << modem->portPath() << std::endl;
     struct stat made {};
     if (!link.empty()) {
         // symlink() never replaces: an existing PATH (file, device, link) fails with EEXIST.
@@ -95,6 +94,8 @@ int main(int argc, char** argv) {
             link.clear();
         }
     }
+    // The first line says the modem is ready, its link included.
+    std::cout << modem->portPath() << std::endl;
     timespec tick{0, 200 * 1000 * 1000};
     while (!modem->hungUp()) {
         int signal = sigtimedwait(&signals, nullptr, &tick);
