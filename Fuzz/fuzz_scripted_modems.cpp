@@ -1,8 +1,9 @@
 // Scripted modem descriptions on any bytes read as JSON, the way a scenario's "modems" member is
 // read: the description is refused with a reason or accepted, never a crash. An accepted one
 // drives a backend on a virtual run loop: every described port, asked under its path and its
-// name, answers each command and request as described, and a port it does not describe answers
-// "port unavailable"; every request is answered exactly once, and every call is recorded.
+// kernel name (when it has one), answers each command and request as described, and a port it does
+// not describe answers "port unavailable"; every request is answered exactly once, and every call
+// is recorded.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -116,8 +117,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const std::string& path : description->portPaths()) {
         drive(*backend, *loop, loop, path, description->port(path));
         expectedCalls += 4 + kNetworkRequests;
-        if (path.rfind("/dev/cu.", 0) == 0 && path.size() > 8) {
-            drive(*backend, *loop, loop, path.substr(8), description->port(path));
+        if (std::optional<std::string> name = qv::gsmPortNameOfPath(path)) {
+            drive(*backend, *loop, loop, *name, description->port(path));
             expectedCalls += 4 + kNetworkRequests;
         }
     }

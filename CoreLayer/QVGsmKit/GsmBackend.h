@@ -23,7 +23,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "Foundation/Value.h"
 #include "RunLoop/RunLoop.h"
@@ -61,7 +63,22 @@ struct GsmRequest {
 };
 
 // A port name ("ttyUSB0") as a path ("/dev/cu.ttyUSB0"); a path (leading "/") stays as it is.
+// Callers that take names or paths from outside check them first with gsmPortKeyProblem().
 std::string gsmPortPath(const std::string& nameOrPath);
+
+// Whether `name` can be a kernel port name: one file name under /dev (not empty, not "." or
+// "..", no "/", printable ASCII without blanks, at most 255 bytes).
+bool isGsmPortName(std::string_view name);
+
+// The kernel name of a "/dev/cu.NAME" path, or nullopt when the path has another form or NAME
+// is not a port name.
+std::optional<std::string> gsmPortNameOfPath(std::string_view path);
+
+// Why `nameOrPath` cannot name a port, or an empty string when it can: either a port name, or
+// an absolute path without empty, "." or ".." components whose "/dev/cu." form, if it has that
+// form, carries a port name. Such a key names the same port on every side: gsmPortPath() of it
+// and gsmPortPath() of its kernel name are one path.
+std::string gsmPortKeyProblem(std::string_view nameOrPath);
 
 class GsmBackend {
   public:

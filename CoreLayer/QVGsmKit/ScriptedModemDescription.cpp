@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Foundation/Format.h"
+#include "Foundation/JsonValue.h"
 #include "GsmResultCodes.h"
 
 namespace qv {
@@ -205,9 +206,12 @@ std::optional<ScriptedModemDescription> ScriptedModemDescription::parse(const Va
         return std::nullopt;
     }
     for (const auto& [key, value] : *description.asDictionary()) {
-        if (key.empty()) {
+        if (std::string problem = gsmPortKeyProblem(key); !problem.empty()) {
             if (error != nullptr) {
-                *error = "a port of the modem description has an empty name";
+                // Quoted as JSON so that a hostile key cannot reach a terminal as controls.
+                *error =
+                    format("port %s %s",
+                           Json(key).dump(-1, ' ', false, Json::error_handler_t::replace), problem);
             }
             return std::nullopt;
         }

@@ -15,7 +15,8 @@
 
 namespace qv {
 
-// Ports are keyed by path; a key given as a port name is read as gsmPortPath() of it.
+// Ports are keyed by path; a key given as a port name is read as gsmPortPath() of it. A key that
+// gsmPortKeyProblem() refuses refuses the description.
 // The answers of one port; a field left out means the modem does not answer that command.
 struct ScriptedModemPort {
     std::optional<GsmDeviceIdentification> identify;

@@ -11,8 +11,11 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <utility>
+
+#include "GsmBackend.h"
 
 namespace qv {
 
@@ -66,8 +69,9 @@ bool makeRaw(int fd, termios* saved) {
 }  // namespace
 
 std::string SerialPort::devicePath(const std::string& portPath) {
-    if (portPath.starts_with("/dev/cu.") && !exists(portPath)) {
-        return "/dev/" + portPath.substr(8);
+    // Only a real kernel name falls back: "/dev/cu./x" or "/dev/cu..." must not leave /dev.
+    if (std::optional<std::string> name = gsmPortNameOfPath(portPath); name && !exists(portPath)) {
+        return "/dev/" + *name;
     }
     return portPath;
 }

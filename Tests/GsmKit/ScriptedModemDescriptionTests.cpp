@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "Foundation/JsonValue.h"
+#include "QVGsmKit/GsmBackend.h"
 #include "QVGsmKit/GsmResultCodes.h"
 #include "QVGsmKit/ScriptedModemDescription.h"
+#include "QVGsmKit/SerialPort.h"
 
 namespace {
 
@@ -90,7 +93,19 @@ TEST(ScriptedModemDescription, RefusesBadDescriptionsNamingPortAndField) {
         {R"({"ttyUSB0": {"latency": -1}})", "\"latency\" must be a number of seconds"},
         {R"({"ttyUSB0": {"latency": "1"}})", "\"latency\""},
         {R"({"ttyUSB0": {"latency": 1e9}})", "\"latency\""},
-        {R"({"": {}})", "empty name"},
+        {R"({"": {}})", "port \"\" is empty"},
+        // Keys whose kernel name is empty or odd would be asked under another path than the one
+        // they were described under.
+        {R"({"/dev/cu./": {}})", "port \"/dev/cu./\" does not end in a kernel port name"},
+        {R"({"/dev/cu.": {}})", "does not end in a kernel port name"},
+        {R"({"/dev/cu..": {}})", "does not end in a kernel port name"},
+        {R"({"ttyUSB0/": {}})", "neither a kernel port name"},
+        {R"({"..": {}})", "neither a kernel port name"},
+        {R"({"tty USB0": {}})", "neither a kernel port name"},
+        {R"({"/dev/pts/4/": {}})", "not a plain absolute path"},
+        {R"({"/dev/../etc/x": {}})", "not a plain absolute path"},
+        {R"({"/dev//pts": {}})", "not a plain absolute path"},
+        {R"({"/dev/pts\u001b[2J": {}})", "port \"/dev/pts\\u001b[2J\" holds a control"},
     };
     for (const auto& [json, expected] : cases) {
         std::string error;
@@ -98,6 +113,19 @@ TEST(ScriptedModemDescription, RefusesBadDescriptionsNamingPortAndField) {
             << json;
         EXPECT_NE(error.find(expected), std::string::npos) << json << " gave: " << error;
     }
+}
+
+TEST(ScriptedModemDescription, AcceptedKeysNameOnePortUnderPathAndKernelName) {
+    for (const std::string key : {"ttyUSB0", "/dev/cu.ttyACM1", "/dev/pts/4", "cu.x", "a..b"}) {
+        ASSERT_EQ(qv::gsmPortKeyProblem(key), "") << key;
+        const std::string path = qv::gsmPortPath(key);
+        if (std::optional<std::string> name = qv::gsmPortNameOfPath(path)) {
+            EXPECT_EQ(qv::gsmPortPath(*name), path) << key;
+        }
+    }
+    // The engine's fallback from a missing "/dev/cu." link stays inside /dev.
+    EXPECT_EQ(qv::SerialPort::devicePath("/dev/cu../../etc/passwd"), "/dev/cu../../etc/passwd");
+    EXPECT_EQ(qv::SerialPort::devicePath("/dev/cu.qv-no-such-tty"), "/dev/qv-no-such-tty");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "Application/QVDeviceObserver.h"
 #include "CommandContext.h"
 #include "Foundation/JsonValue.h"
+#include "QVGsmKit/GsmBackend.h"
 #include "QVGsmKit/GsmResultCodes.h"
 #include "QVGsmKit/SerialGsmBackend.h"
 
@@ -103,7 +104,13 @@ void addModemCommand(CLI::App& app, CommandContext& context) {
     CLI::App* command =
         app.add_subcommand("modem", "Ask a modem on a serial port through the AT engine");
     command->add_option("PORT", options->port, "kernel name (ttyUSB2) or path (/dev/pts/4)")
-        ->required();
+        ->required()
+        ->check(CLI::Validator(
+            [](std::string& port) {
+                std::string problem = qv::gsmPortKeyProblem(port);
+                return problem.empty() ? problem : "the port " + problem;
+            },
+            "PORT"));
     command->add_option("REQUEST", options->request, "identify, model, init, info or network")
         ->required()
         ->check(CLI::IsMember({"identify", "model", "init", "info", "network"}));
