@@ -58,9 +58,12 @@ std::optional<ModemModelTable> ModemModelTable::fromFile(const std::string& path
 
 std::optional<ModemModelTable> ModemModelTable::fromJsonText(const std::string& text,
                                                              std::string* error) {
-    Json json = Json::parse(text, nullptr, false);
-    if (json.is_discarded() || !json.is_object() || !json.contains("models") ||
-        !json["models"].is_array()) {
+    std::optional<Json> parsed = parseJsonText(text, error);
+    if (!parsed) {
+        return std::nullopt;
+    }
+    const Json& json = *parsed;
+    if (!json.is_object() || !json.contains("models") || !json["models"].is_array()) {
         *error = "not a JSON object with a \"models\" list";
         return std::nullopt;
     }

@@ -8,6 +8,7 @@
 #include "Application/PlatformFactory.h"
 #include "Application/QVDeviceObserver.h"
 #include "Application/ScriptedDevicePlatform.h"
+#include "Preparation/QVZTESerialPortsEnabler.h"
 #include "Recognition/QVDeviceMonitor.h"
 #include "Support/VirtualRegistryTest.h"
 
@@ -77,6 +78,18 @@ TEST_F(PlatformFactoryTest, AnInstalledPlatformServesTheNextFirstStart) {
     application->start();
     EXPECT_EQ(replacement->calls, Calls{"start"});
     application->stop();
+}
+
+// An application may run the serial port enabler without any observer: it needs the feed too, and
+// keeps it running across the observers' stops.
+TEST_F(PlatformFactoryTest, AnEnablerOnItsOwnRunsTheFeed) {
+    auto enabler = std::make_shared<QVZTESerialPortsEnabler>();
+    enabler->startEnableSerialPortsForDevices();
+    EXPECT_EQ(platform_->calls, Calls{"start"});
+    auto application = observer();
+    application->start();
+    application->stop();
+    EXPECT_EQ(platform_->calls, Calls{"start"});
 }
 
 }  // namespace

@@ -132,6 +132,46 @@ TEST_F(CardPrepTest, ALocalConfigurationComesFirstAndWithoutAnyTheNewModeMessage
                               " -v 0x12d1 -p 0x1f16 -J\n");
 }
 
+// A configuration file is outside input: its settings, shown in the dry run, must come out as one
+// shell word each, exactly as usb_modeswitch would get them, and never as terminal controls.
+TEST_F(CardPrepTest, TheDryRunQuotesEveryWordForTheShell) {
+    const std::string hostile =
+        "a'b \"$(touch x)\" `id`;\x1b]0;title\x07 \xc2\x9b"
+        "2J\x7f\\";
+    writeFile(root_ + "/etc/12d1:1f17", "TargetVendor=0x12d1\nMessageContent=" + hostile + "\n");
+    CardPrepOptions dry = options(0x1F17);
+    dry.dryRun = true;
+    ASSERT_EQ(run(dry), 0) << err_.str();
+    const std::string out = out_.str();
+    for (char c : out) {
+        const auto byte = static_cast<unsigned char>(c);
+        EXPECT_TRUE(c == '\n' || (byte >= 0x20 && byte < 0x7F)) << "byte " << int(byte);
+    }
+    const std::string command = out.substr(out.find('\n') + 1);
+    EXPECT_EQ(command.rfind(tool_ + " -v 0x12d1 -p 0x1f17 -f $'TargetVendor=0x12d1\\n", 0), 0u)
+        << command;
+
+    // A shell given the printed words gets back the very arguments the tool would run.
+    if (access("/bin/bash", X_OK) != 0) {
+        GTEST_SKIP() << "needs bash to read the $'...' form";
+    }
+    const std::string words = command.substr(tool_.size(), command.size() - tool_.size() - 1);
+    qv::TaskResult shell =
+        qv::PosixTaskLauncher().run("/bin/bash", {"-c", "printf '%s\\0'" + words});
+    ASSERT_EQ(shell.exitStatus, 0) << shell.error;
+    std::vector<std::string> parsed;
+    for (std::size_t start = 0; start < shell.output.size();) {
+        const std::size_t end = shell.output.find('\0', start);
+        parsed.push_back(shell.output.substr(start, end - start));
+        start = end + 1;
+    }
+    EXPECT_EQ(parsed,
+              (std::vector<std::string>{"-v", "0x12d1", "-p", "0x1f17", "-f",
+                                        "TargetVendor=0x12d1\nMessageContent=" + hostile + "\n"}));
+    EXPECT_FALSE(fs::exists(root_ + "/x")) << "nothing in the words ran";
+    EXPECT_FALSE(fs::exists("x"));
+}
+
 TEST_F(CardPrepTest, SaysClearlyWhenTheToolTheStickOrTheSwitchIsMissing) {
     CardPrepOptions noTool = options(0x1F15);
     noTool.usbModeswitchPath = root_ + "/not-installed";

@@ -1,6 +1,7 @@
 #include "Foundation/BoundedFileReader.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -33,6 +34,30 @@ TEST(BoundedFileReaderTest, ReadsUpToTheLimitAndSaysWhyOtherwise) {
     EXPECT_EQ(readFileUpTo("/dev/null", 100, FileKinds::AnyReadable, &reason), "");
     EXPECT_FALSE(readFileUpTo("/dev/null", 100, FileKinds::RegularOnly, &reason));
     EXPECT_EQ(reason, "is not a regular file");
+}
+
+TEST(BoundedFileReaderTest, LinksThatGoRoundAndFifosAreNamedAsSuch) {
+    const std::string a = ::testing::TempDir() + "/qv-loop-a";
+    const std::string b = ::testing::TempDir() + "/qv-loop-b";
+    std::remove(a.c_str());
+    std::remove(b.c_str());
+    ASSERT_EQ(symlink(b.c_str(), a.c_str()), 0);
+    ASSERT_EQ(symlink(a.c_str(), b.c_str()), 0);
+    std::string reason;
+    for (FileKinds kinds : {FileKinds::RegularOnly, FileKinds::AnyReadable}) {
+        EXPECT_FALSE(readFileUpTo(a, 100, kinds, &reason));
+        EXPECT_EQ(reason, "is a loop of symbolic links");
+    }
+    std::remove(a.c_str());
+    std::remove(b.c_str());
+
+    // A FIFO without a writer: refused at once, not waited on.
+    const std::string fifo = ::testing::TempDir() + "/qv-bounded-fifo";
+    std::remove(fifo.c_str());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_FALSE(readFileUpTo(fifo, 100, FileKinds::RegularOnly, &reason));
+    EXPECT_EQ(reason, "is not a regular file");
+    std::remove(fifo.c_str());
 }
 
 TEST(BoundedFileReaderTest, ADescriptorIsReadToItsEndAndLeftOpen) {

@@ -21,6 +21,9 @@ std::string randomText(std::mt19937& random) {
                                          "\x01",
                                          "\x1f",
                                          "\x7f",
+                                         "\xc2\x9b",
+                                         "\xc2\x85",
+                                         "\xc2\xa0",
                                          "\xc3\xa9",
                                          "\xe2\x82\xac",
                                          "\xf0\x9f\x93\xb6",
@@ -90,13 +93,23 @@ TEST(JsonTextTest, WritesWhatTheJsonLibraryPrints) {
     std::mt19937 random(11);
     for (int round = 0; round < 3000; ++round) {
         const Value value = randomValue(random, 0);
-        const std::string expected =
-            jsonFromValue(value).dump(-1, ' ', false, Json::error_handler_t::replace);
+        const std::string expected = jsonLineText(jsonFromValue(value));
         ASSERT_EQ(jsonTextFromValue(value), expected) << "round " << round;
     }
     std::string out = "prefix ";
     appendJsonText(out, Value(Dictionary{{"a", Value(1)}}));
     EXPECT_EQ(out, R"(prefix {"a":1})");
+}
+
+// A line read on a terminal carries no control character of any kind: the JSON library escapes
+// C0 controls but writes DEL and the C1 controls (CSI is U+009B) as they are.
+TEST(JsonTextTest, LinesCarryNoControlCharacters) {
+    const Value hostile(Dictionary{{"name\x7f", Value("\x1b[31mred\x07\xc2\x9b"
+                                                      "2J\xc2\x85\xc2\xa0")}});
+    const std::string line = jsonTextFromValue(hostile);
+    EXPECT_EQ(line, "{\"name\\u007f\":\"\\u001b[31mred\\u0007\\u009b2J\\u0085\xc2\xa0\"}");
+    EXPECT_EQ(jsonLineText(jsonFromValue(hostile)), line);
+    EXPECT_EQ(Json::parse(line), jsonFromValue(hostile)) << "still the same JSON";
 }
 
 }  // namespace

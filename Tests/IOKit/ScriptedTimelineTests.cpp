@@ -26,6 +26,15 @@ TEST(ScriptedTimeline, RefusesBadStoriesNamingTheEvent) {
         "timeline[0].add.entry: unknown key \"colour\"");
     EXPECT_EQ(parseError(R"({"timeline":[{"at":"soon","remove":"a"}]})"),
               "timeline[0]: an event needs a number \"at\"");
+    // Times are bounded like a story's end: a time past it would never be reached.
+    EXPECT_EQ(
+        parseError(R"({"timeline":[{"at":10000000.5,"add":{"entry":{"id":"a","class":"C"}}}]})"),
+        "timeline[0].at: must be a time from 0 to 10000000 seconds");
+    EXPECT_EQ(parseError(R"({"timeline":[{"at":1e300,"add":{"entry":{"id":"a","class":"C"}}}]})"),
+              "timeline[0].at: must be a time from 0 to 10000000 seconds");
+    EXPECT_EQ(
+        parseError(R"({"timeline":[{"at":10000000,"add":{"entry":{"id":"a","class":"C"}}}]})"),
+        "accepted");
     EXPECT_EQ(parseError(R"({"timeline":[{"at":1,"add":{"entry":{"id":"a","class":"C",
         "properties":{"x":null}}}}]})"),
               "timeline[0].add.entry.properties.x: null is not a property-list value");

@@ -150,3 +150,37 @@ TEST_F(MonitorStopTest, GenericRecogniserStoppedOnTheNoRuleReportTriesNothingMor
     EXPECT_EQ(linesStartingWith("Try to recognize generic device: "), 0u);
     EXPECT_EQ(countLines("Device is recognized but no rule could be found for it"), 1u);
 }
+
+// A delegate that restarts the monitor on hearing of a device: the new run lists the device again,
+// and what was left of the old run's handling must not take it out of the new list.
+TEST_F(MonitorStopTest, ARestartFromInsideAReportKeepsTheDeviceListed) {
+    auto monitor = QVDeviceMonitor::create();
+    monitor->setDelegate(&reacting_);
+    int restarts = 0;
+    reacting_.onCall = [&] {
+        if (reacting_.calls.back().starts_with("unidentified") && restarts++ == 0) {
+            monitor->teardown();
+            monitor->start();
+        }
+    };
+    monitor->start();
+    // An E1750 that never shows its ports: reported when it times out.
+    io_registry_entry_t bare = addUsb(0x12D1, 0x1406, 1);
+    loop_->runFor(32.0);
+    ASSERT_EQ(linesStartingWith("Timout trying to recognize device: "), 1u);
+    EXPECT_EQ(restarts, 1);
+    EXPECT_EQ(monitor->addedIODevices().size(), 1u) << "listed again by the restart";
+    loop_->runFor(31.0);
+    EXPECT_EQ(linesStartingWith("Timout trying to recognize device: "), 2u);
+
+    // The same on a rejection: an E1750 variant the test database does not know.
+    registry().removeEntry(bare);
+    monitor->teardown();
+    reacting_.calls.clear();
+    restarts = 0;
+    monitor->start();
+    plug(2, 0x12D1, 0x140B);
+    loop_->runFor(1.5);
+    EXPECT_EQ(restarts, 1);
+    EXPECT_EQ(monitor->addedIODevices().size(), 1u);
+}

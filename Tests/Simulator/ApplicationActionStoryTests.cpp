@@ -168,3 +168,35 @@ TEST(ApplicationActionStory, UnknownOrMalformedActionsAreRefusedWithTheirPlace) 
                                                    {{"at", 1}, {"remove", "nowhere"}}})}};
     EXPECT_EQ(refusal(json).rfind("timeline[1]", 0), 0u) << refusal(json);
 }
+
+// The application stops and starts again while the next network query is five seconds away: the
+// old run's re-query must not come back beside the new run's polling.
+TEST(ApplicationActionStory, ARestartWithinTheRequeryTimeBringsBackNoOldPolling) {
+    StoryBuilder builder;
+    builder.plug(1.0, huaweiE1750WithDriverCd()).modem("ttyUSB2", answeringModem());
+    auto result = play(builder,
+                       {{{"at", 0.0}, {"app", "startQueue"}},
+                        {{"at", 3.0}, {"app", {{"setDefaultDevice", 0}}}},
+                        {{"at", 3.0}, {"app", "devicesChanged"}},
+                        {{"at", 4.0}, {"app", "stop"}},
+                        {{"at", 4.5}, {"app", "start"}},
+                        {{"at", 12.0}, {"app", "devicesChanged"}}},
+                       40.0);
+    // Before the stop: initialised at 3.25, one query answered at 3.5, the next due at 8.5.
+    std::vector<double> queries;
+    for (const auto& event : eventsOf(result, "gsm", "startGetNetworkInfoEx")) {
+        queries.push_back(event.t);
+    }
+    const auto inits = eventsOf(result, "gsm", "startGroundInitEx");
+    ASSERT_EQ(inits.size(), 2u);
+    EXPECT_DOUBLE_EQ(inits[1].t, 12.0);
+    ASSERT_GE(queries.size(), 4u);
+    EXPECT_DOUBLE_EQ(queries[0], 3.25);
+    // Nothing between the stop and the new run's initialisation, then one query every 5.25 s.
+    EXPECT_DOUBLE_EQ(queries[1], 12.25);
+    for (std::size_t i = 2; i < queries.size(); ++i) {
+        EXPECT_DOUBLE_EQ(queries[i] - queries[i - 1], 5.25) << "query " << i;
+    }
+    EXPECT_EQ(eventsOf(result, "application", "noteNetworkInfoDidUpdate:sender:").size(),
+              queries.size());
+}

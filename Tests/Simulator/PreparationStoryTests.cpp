@@ -280,3 +280,37 @@ TEST(PreparationStory, TheStorysUnmountTakesTheDiskAndItsPartitionsOnly) {
     EXPECT_FALSE(PreparationStory::isDiskOrPartition("/dev/sd", "sdb"));
     EXPECT_FALSE(PreparationStory::isDiskOrPartition("tmpfs", "sdb"));
 }
+
+// CardPrepTool switches every attached Huawei stick with the product ID it is given, as the real
+// tool does, and no stick of another maker that happens to share the product ID.
+TEST(PreparationStory, TheModeSwitchToolSwitchesEveryHuaweiStickWithTheProductID) {
+    StickSpec foreign = storageStick(0x19D2, 0x1F15, "sr2", 0x1A300000, "foreign");
+    StickSpec first = storageStick(0x12D1, 0x1F15, "sr0", 0x1A100000, "first");
+    StickSpec second = storageStick(0x12D1, 0x1F15, "sr1", 0x1A200000, "second");
+    StickSpec k3805;
+    k3805.id = "foreign-modem";
+    k3805.vendorID = 0x19D2;
+    k3805.productID = 0x1002;
+    k3805.ttys = {"ttyACM0", "ttyACM1", "ttyACM2"};
+    qv::Json scenario =
+        StoryBuilder()
+            .plug(0.5, foreign)
+            .plug(1.0, first)
+            .plug(1.0, second)
+            .option("enabler", {{"ejectSecondaryDisk", false}})
+            .option("mounts", {{"sr0", "/media/HUAWEI"}, {"sr1", "/media/HUAWEI1"}})
+            .option("modeSwitches",
+                    qv::Json::array({modeSwitch(0x12D1, 0x1F15, 1.0, qvtest::huaweiE1750("modem")),
+                                     modeSwitch(0x19D2, 0x1F15, 1.0, k3805)}))
+            .json();
+    auto result = play(scenario, 40.0);
+    ASSERT_TRUE(result.ok) << result.error;
+    EXPECT_EQ(execArguments(result),
+              (Argvs{{"CardPrepTool", "/pid=,1f15"}, {"CardPrepTool", "/pid=,1f15"}}));
+    const auto available = eventsOf(result, "application", "noteDeviceBecameAvailable:");
+    ASSERT_EQ(available.size(), 2u) << "both Huawei sticks came back as modems";
+    for (const auto& event : available) {
+        EXPECT_EQ(event.device()["_quorvelID"], 320);
+        EXPECT_DOUBLE_EQ(event.t, 4.0);
+    }
+}

@@ -77,6 +77,21 @@ TEST(DatabaseCommand, CheckRefusesFilesThatAreNoTextPropertyList) {
     std::filesystem::remove(deep);
 }
 
+TEST(DatabaseCommand, ShowSaysWhyAFileIsRefused) {
+    const std::pair<std::string, const char*> cases[] = {
+        {fixture("Missing.plist"), "No such file or directory"},
+        {fixture("NotUTF8.plist"), "is not UTF-8 text"},
+        {fixture("Binary.plist"), "is not UTF-8 text"},
+        {testing::TempDir(), "is a directory"},
+        {"/dev/zero", "is not a regular file"},
+    };
+    for (const auto& [path, reason] : cases) {
+        ToolRun run = runQvdevice({"db", "show", "1", "--file", path});
+        EXPECT_EQ(run.code, 2) << path;
+        EXPECT_EQ(run.err, "qvdevice db show: refused: " + path + ": " + reason + "\n");
+    }
+}
+
 TEST(DatabaseCommand, ShowResolvesInheritance) {
     ToolRun json = runQvdevice({"db", "show", "1001", "--file", fixture("Family.plist"), "--json"});
     ASSERT_EQ(json.code, 0) << json.err;
@@ -106,7 +121,7 @@ TEST(DatabaseCommand, ShowResolvesInheritance) {
     EXPECT_EQ(missing.code, 1);
     EXPECT_NE(missing.err.find("has no entry with Quorvel ID 77"), std::string::npos);
 
-    // A looping chain: nothing half-printed, the lookup's exception as the message.
+    // A looping chain: nothing half-printed, and it is called a cycle, not a missing entry.
     std::filesystem::path loop = std::filesystem::path(testing::TempDir()) / "Loop.plist";
     std::ofstream(loop)
         << R"(({ "DeviceDatabase.QuorvelID" = 30; "DeviceDatabase.AncestorQuorvelID" = 31; },
@@ -115,7 +130,14 @@ TEST(DatabaseCommand, ShowResolvesInheritance) {
     std::filesystem::remove(loop);
     EXPECT_EQ(looping.code, 1);
     EXPECT_EQ(looping.out, "");
-    EXPECT_NE(looping.err.find("Database has no entry with Quorvel ID <31>"), std::string::npos);
+    EXPECT_NE(looping.err.find("the ancestor chain of 30 loops"), std::string::npos) << looping.err;
+    EXPECT_NE(looping.err.find("inherit in a cycle"), std::string::npos) << looping.err;
+    EXPECT_EQ(looping.err.find("no entry"), std::string::npos) << looping.err;
+
+    // A mistaken ID is a usage mistake whatever its form; an ID the file lacks is an answer.
+    for (const char* id : {"abc", "-1", "0", "2147483648"}) {
+        EXPECT_EQ(runQvdevice({"db", "show", id, "--file", fixture("Family.plist")}).code, 2) << id;
+    }
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <sstream>
@@ -89,15 +90,16 @@ TEST_F(RulesCommandTests, FailedDecryptWritesNothingAndErrorsAreOneLine) {
     EXPECT_EQ(rulestest::readFile(dir.file("keep.plist")),
               qv::Data({'o', 'l', 'd', ' ', 'c', 'o', 'n', 't', 'e', 'n', 't', 's'}));
 
+    // A missing input is the user's mistake (2); a write that fails is not (1).
     ToolRun missing = runQvdevice({"rules", "encrypt", dir.file("missing"), dir.file("x")});
-    EXPECT_EQ(missing.code, 1);
+    EXPECT_EQ(missing.code, 2);
     EXPECT_TRUE(contains(missing.err, dir.file("missing")));
     EXPECT_FALSE(std::filesystem::exists(dir.file("x")));
     ToolRun noDirectory =
         runQvdevice({"rules", "encrypt", dir.file("rules.plist"), dir.file("none/x.enc")});
     EXPECT_EQ(noDirectory.code, 1);
     ToolRun checkMissing = runQvdevice({"rules", "check", dir.file("missing")});
-    EXPECT_EQ(checkMissing.code, 1);
+    EXPECT_EQ(checkMissing.code, 2);
     EXPECT_EQ(checkMissing.err,
               "qvdevice rules check: " + dir.file("missing") + ": no such file or directory\n");
     // Nothing is left behind beside the outputs.
@@ -156,7 +158,75 @@ TEST_F(RulesCommandTests, CheckReportsProblemsAndDeviceVerdicts) {
                                     "--device", "197:0x12D1:0x1001"});
     EXPECT_TRUE(contains(notNamed.out, "isAllowedDevice 0 (no rule names the device)"));
     EXPECT_TRUE(contains(notNamed.out, "applications to launch: (none)\n"));
-    EXPECT_EQ(runQvdevice({"rules", "check", dir.file("rules"), "--device", "5059:x"}).code, 1);
+    EXPECT_EQ(runQvdevice({"rules", "check", dir.file("rules"), "--device", "5059:x"}).code, 2);
+}
+
+TEST_F(RulesCommandTests, CheckShowsAnExclusionThatRanOutOfTime) {
+    rulestest::writeFile(dir.file("slow.plist"),
+                         std::string("( { VendorID = 6610; ExcludedModelNamePattern = "
+                                     "\"(a|aa)+$\"; } )"));
+    ToolRun verdicts = runQvdevice({"rules", "check", dir.file("slow.plist"), "--device",
+                                    "0:6610:1:" + std::string(60, 'a') + "b"});
+    EXPECT_TRUE(contains(verdicts.out, "isExcludedGenericDevice 1 (excluded)")) << verdicts.out;
+    EXPECT_TRUE(contains(verdicts.out, dir.file("slow.plist") +
+                                           ": isExcludedDevice: the pattern (a|aa)+$ could not "
+                                           "be matched"))
+        << verdicts.out;
+}
+
+// OUT is the output asked for, but only as a regular file: what else is there is left alone, and
+// plain text never becomes readable to others on the way.
+TEST_F(RulesCommandTests, OutputReplacesOnlyRegularFilesAndKeepsTheirMode) {
+    rulestest::writeFile(dir.file("rules.plist"), kRules);
+    ASSERT_EQ(
+        runQvdevice({"rules", "encrypt", dir.file("rules.plist"), dir.file("rules.enc")}).code, 0);
+    auto modeOf = [](const std::string& path) {
+        return std::filesystem::status(path).permissions() & std::filesystem::perms::mask;
+    };
+    using std::filesystem::perms;
+
+    // A new decrypted file is private; a replaced file keeps its mode, whichever way it goes.
+    ASSERT_EQ(runQvdevice({"rules", "decrypt", dir.file("rules.enc"), dir.file("new.plist")}).code,
+              0);
+    EXPECT_EQ(modeOf(dir.file("new.plist")), perms::owner_read | perms::owner_write);
+    rulestest::writeFile(dir.file("private.plist"), std::string("old"));
+    std::filesystem::permissions(dir.file("private.plist"), perms::owner_read | perms::owner_write);
+    ASSERT_EQ(
+        runQvdevice({"rules", "decrypt", dir.file("rules.enc"), dir.file("private.plist")}).code,
+        0);
+    EXPECT_EQ(modeOf(dir.file("private.plist")), perms::owner_read | perms::owner_write);
+    EXPECT_EQ(rulestest::readFile(dir.file("private.plist")),
+              rulestest::readFile(dir.file("rules.plist")));
+    std::filesystem::permissions(dir.file("rules.enc"), perms::owner_all | perms::group_read);
+    ASSERT_EQ(
+        runQvdevice({"rules", "encrypt", dir.file("rules.plist"), dir.file("rules.enc")}).code, 0);
+    EXPECT_EQ(modeOf(dir.file("rules.enc")), perms::owner_all | perms::group_read);
+
+    // A symbolic link, a FIFO and a directory are refused and left as they were.
+    std::filesystem::create_symlink(dir.file("private.plist"), dir.file("link.plist"));
+    ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0600), 0);
+    std::filesystem::create_directory(dir.file("directory"));
+    for (const char* name : {"link.plist", "fifo", "directory"}) {
+        for (const char* command : {"encrypt", "decrypt"}) {
+            const std::string input =
+                std::string(command) == "encrypt" ? dir.file("rules.plist") : dir.file("rules.enc");
+            ToolRun run = runQvdevice({"rules", command, input, dir.file(name)});
+            EXPECT_EQ(run.code, 2) << command << " " << name;
+            EXPECT_TRUE(contains(run.err, "is not replaced")) << run.err;
+        }
+    }
+    EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link.plist")));
+    EXPECT_TRUE(std::filesystem::is_fifo(dir.file("fifo")));
+    EXPECT_TRUE(std::filesystem::is_directory(dir.file("directory")));
+    EXPECT_EQ(rulestest::readFile(dir.file("private.plist")),
+              rulestest::readFile(dir.file("rules.plist")));
+    // A device node too: /dev/null stays the device it is, even for root.
+    ToolRun null = runQvdevice({"rules", "decrypt", dir.file("rules.enc"), "/dev/null"});
+    EXPECT_EQ(null.code, 2);
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+        EXPECT_FALSE(contains(entry.path().filename().string(), ".tmp-")) << entry.path();
+    }
 }
 
 TEST_F(RulesCommandTests, HostileFilesGiveALineNotACrash) {

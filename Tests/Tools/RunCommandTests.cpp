@@ -9,8 +9,13 @@
 
 #include "Application/PlatformFactory.h"
 #include "Application/ScriptedDevicePlatform.h"
+#include "Foundation/Exception.h"
 #include "Foundation/JsonValue.h"
+#include "Foundation/Logging.h"
+#include "Foundation/Platform.h"
+#include "RunLoop/VirtualRunLoop.h"
 #include "Support/ToolRunner.h"
+#include "qvdevice/LiveSession.h"
 
 namespace {
 
@@ -61,6 +66,25 @@ TEST(RunCommand, RefusesUsageMistakes) {
         EXPECT_EQ(run.code, 2) << arguments[1] << " " << run.out;
         EXPECT_FALSE(run.err.empty());
     }
+}
+
+// The framework refuses the database as the monitor is made: the session has started nothing,
+// and stopping it (or dropping it) afterwards must not touch what was never made.
+TEST(RunCommand, ASessionWhoseDatabaseIsRefusedStopsCleanly) {
+    qv::RunLoop::setCurrent(std::make_shared<qv::VirtualRunLoop>());
+    qv::Bundle::setPathForResource("DeviceDatabase", "plist",
+                                   std::string(QV_TEST_DATA_DIR) + "/Database/Truncated.plist");
+    std::ostringstream out;
+    {
+        qvdevice::LiveSession session(out, qvdevice::LiveSessionOptions{});
+        EXPECT_THROW(session.start(), qv::Exception);
+        session.stop();
+    }
+    qv::Bundle::setPathForResource("DeviceDatabase", "plist", std::nullopt);
+    qv::RunLoop::setCurrent(nullptr);
+    EXPECT_EQ(out.str(), "") << "no closing line for a session that never ran";
+    // The session's log sinks went with it: a later line goes nowhere near the dead session.
+    qv::logToNamedLog("DeviceRecognition", "after the session");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "Foundation/BoundedFileReader.h"
 #include "Foundation/Task.h"
 #include "GzipTarReader.h"
+#include "ShellWord.h"
 
 namespace cardprep {
 
@@ -276,10 +277,11 @@ int CardPrepCommand::run() {
     if (options_.dryRun) {
         out_ << "configuration: " << (source.empty() ? "none, Huawei new-mode message" : source)
              << "\n";
-        out_ << options_.usbModeswitchPath;
+        // The configuration comes from a file: shown quoted, it is one word and cannot reach
+        // the terminal as a control.
+        out_ << shellQuoted(options_.usbModeswitchPath);
         for (const std::string& argument : modeswitchArguments(*config)) {
-            out_ << " "
-                 << (argument.find('\n') == std::string::npos ? argument : "'" + argument + "'");
+            out_ << " " << shellQuoted(argument);
         }
         out_ << "\n";
         return 0;

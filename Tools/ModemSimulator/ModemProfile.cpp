@@ -5,6 +5,7 @@
 #include <map>
 
 #include "Foundation/BoundedFileReader.h"
+#include "Foundation/JsonNesting.h"
 #include "Foundation/JsonValue.h"
 #include "QVGsmKit/AtResponseReader.h"
 
@@ -34,6 +35,11 @@ bool printable(const std::string& text) {
 
 std::optional<ModemProfile> ModemProfile::fromJsonText(const std::string& text,
                                                        std::string* error) {
+    // Deep nesting is refused before the parse, as for every JSON file read.
+    if (std::optional<std::string> nesting = qv::jsonNestingProblem(text)) {
+        *error = *nesting;
+        return std::nullopt;
+    }
     qv::Json json = qv::Json::parse(text, nullptr, false);
     if (json.is_discarded() || !json.is_object()) {
         *error = "not a JSON object";

@@ -26,6 +26,7 @@ namespace {
 
 constexpr int kExitProblems = 1;
 constexpr int kExitRefused = 2;
+constexpr int kExitUsage = 2;
 
 struct DatabaseOptions {
     std::string file;
@@ -214,16 +215,16 @@ int runShow(const DatabaseOptions& options, CommandContext& context) {
     if (options.quorvelID <= 0 || options.quorvelID > std::numeric_limits<std::int32_t>::max()) {
         context.err << "qvdevice db show: " << options.quorvelID
                     << " is not a Quorvel ID (a whole number from 1 to 2147483647)\n";
-        return kExitProblems;
+        return kExitUsage;
     }
     std::optional<std::string> path = databasePath(options.file, "show", context);
     if (!path) {
         return kExitRefused;
     }
-    std::optional<std::string> text = QVDeviceDatabase::readDatabaseText(*path);
+    std::string reason;
+    std::optional<std::string> text = QVDeviceDatabase::readDatabaseText(*path, &reason);
     if (!text) {
-        context.err << "qvdevice db show: cannot read " << *path
-                    << " (missing, unreadable, not UTF-8 or too large)\n";
+        context.err << "qvdevice db show: refused: " << *path << ": " << reason << "\n";
         return kExitRefused;
     }
     try {
@@ -238,8 +239,14 @@ int runShow(const DatabaseOptions& options, CommandContext& context) {
         bool complete = true;
         auto ancestors = entry->ancestors(&complete);
         if (!complete) {
+            const QVDeviceDatabaseEntry& last = ancestors.empty() ? *entry : *ancestors.back();
+            const auto missing = static_cast<std::uint32_t>(last.ancestorQuorvelID());
             context.err << "qvdevice db show: the ancestor chain of " << options.quorvelID
-                        << " is broken (an ancestor names no entry, or the chain loops)\n";
+                        << (database->hasEntryForQuorvelID(missing)
+                                ? " loops: its entries inherit in a cycle"
+                                : " is broken: ancestor " + std::to_string(missing) +
+                                      " names no entry")
+                        << "\n";
         }
         // Rendered whole before printing: a broken chain raises halfway through.
         std::ostringstream text;

@@ -86,9 +86,17 @@ void LiveSession::start() {
             writer.add("notification", qv::Json{{"name", note.name}});
         });
 
-    // The application's side, in the order an application does it.
-    auto monitor = state.options.generic ? QVDeviceMonitorGenericDevRecogn::create()
-                                         : QVDeviceMonitor::create();
+    // The application's side, in the order an application does it. Making the monitor loads the
+    // device database, which may raise: then nothing was started, and nothing is left behind.
+    std::shared_ptr<QVDeviceMonitor> monitor;
+    try {
+        monitor = state.options.generic ? QVDeviceMonitorGenericDevRecogn::create()
+                                        : QVDeviceMonitor::create();
+    } catch (...) {
+        removeSinks();
+        state.started = false;
+        throw;
+    }
     state.observer = RecordingObserver::create(monitor, writer);
     state.application.setObserver(state.observer);
     state.observer->setDelegate(&state.application);
@@ -113,10 +121,15 @@ void LiveSession::stop() {
                      qv::Json{{"message", present == 0 ? std::string("no modems found")
                                                        : std::to_string(present) +
                                                              " device(s) present at the end"}});
+    removeSinks();
+}
+
+void LiveSession::removeSinks() {
     qv::setNamedLogSink({});
     qv::setSystemLogSink({});
     qv::setStandardOutputSink({});
-    qv::NotificationCenter::defaultCenter().removeObserver(state.notificationToken);
+    qv::NotificationCenter::defaultCenter().removeObserver(state_->notificationToken);
+    state_->notificationToken = 0;
 }
 
 }  // namespace qvdevice

@@ -27,12 +27,16 @@ class LiveSession {
     LiveSession(const LiveSession&) = delete;
     LiveSession& operator=(const LiveSession&) = delete;
 
-    // Starts the observer and the priority queue on the calling thread's run loop.
+    // Starts the observer and the priority queue on the calling thread's run loop. When the
+    // framework raises on the way (a device database it refuses), nothing stays started and the
+    // exception passes on; stop() is then a no-op.
     void start();
     // Stops the observer (the application quits); prints a closing line with the devices present.
     void stop();
 
   private:
+    void removeSinks();
+
     struct State;
     std::unique_ptr<State> state_;
 };

@@ -15,6 +15,9 @@ std::string baseName(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+// The only maker whose sticks CardPrepTool switches.
+constexpr std::int32_t kHuaweiVendorID = 0x12D1;
+
 bool isDigits(const std::string& text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
@@ -132,14 +135,12 @@ void PreparationStory::programStarted(const qv::RecordingTaskLauncher::Record& r
         if (problem != std::errc() || end != hex.data() + hex.size() || hex.empty()) {
             return;
         }
-        // usb_modeswitch switches the first stick it finds with that product ID.
+        // As the real tool: every attached Huawei stick with that product ID.
         for (io_registry_entry_t device : attachedUSBDevices()) {
             const qv::Value* properties = registry_.entryProperties(device);
-            if (properties != nullptr &&
-                (*properties)["idProduct"].intValue() == static_cast<std::int32_t>(product) &&
-                modeSwitchFor(device) != nullptr) {
+            if (properties != nullptr && (*properties)["idVendor"].intValue() == kHuaweiVendorID &&
+                (*properties)["idProduct"].intValue() == static_cast<std::int32_t>(product)) {
                 switchMode(device);
-                return;
             }
         }
     }
@@ -200,6 +201,11 @@ void PreparationStory::switchMode(io_registry_entry_t device) {
     if (modeSwitch == nullptr || !switching_.insert(device).second) {
         return;
     }
+    // Timers that have fired are done with: a stick that switches without end must not pile
+    // them up.
+    std::erase_if(timers_, [](const std::shared_ptr<qv::Timer>& timer) {
+        return timer == nullptr || !timer->isValid();
+    });
     // The stick drops off the bus once the program that switched it is done, not inside it.
     timers_.push_back(loop_.performAfterDelay(0.0, [this, device, modeSwitch]() {
         // Unplugged by the story in the same instant: nothing comes back.
@@ -208,6 +214,7 @@ void PreparationStory::switchMode(io_registry_entry_t device) {
         }
         io_registry_entry_t parent = registry_.entryParent(device);
         registry_.removeEntry(device);
+        switching_.erase(device);
         feeder_.forgetDetachedIds();
         timers_.push_back(loop_.performAfterDelay(modeSwitch->after, [this, parent, modeSwitch]() {
             // A hub unplugged meanwhile takes the stick with it.

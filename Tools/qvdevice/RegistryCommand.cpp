@@ -24,8 +24,9 @@ int runRegistry(const RegistryOptions& options, CommandContext& context) {
     std::string error;
     auto timeline = qv::ScriptedTimeline::fromFile(options.script, &error);
     if (!timeline) {
+        // A refused timeline is an input mistake, as for `simulate`.
         context.err << "qvdevice registry: " << error << "\n";
-        return 1;
+        return 2;
     }
     double until = options.at >= 0.0 ? options.at : timeline->endTime();
     auto loop = std::make_shared<qv::VirtualRunLoop>();

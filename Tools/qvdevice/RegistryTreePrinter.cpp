@@ -1,5 +1,7 @@
 #include "RegistryTreePrinter.h"
 
+#include "Foundation/TerminalText.h"
+
 namespace qvdevice {
 
 qv::Json registryTreeToJson(const qv::Registry::EntryView& view) {
@@ -17,7 +19,9 @@ qv::Json registryTreeToJson(const qv::Registry::EntryView& view) {
 
 void printRegistryTree(std::ostream& out, const qv::Registry::EntryView& view,
                        const std::string& indent, bool last) {
-    out << indent << "+-o " << view.name << "  <class " << view.className << ">\n";
+    // Names and values come from devices and timeline files: no control reaches the terminal.
+    out << indent << "+-o " << qv::escapedForTerminal(view.name) << "  <class "
+        << qv::escapedForTerminal(view.className) << ">\n";
     std::string inner = indent + (last ? "  " : "| ");
     std::string bar = view.children.empty() ? "  " : "| ";
     const qv::Dictionary* props = view.properties.asDictionary();
@@ -26,7 +30,8 @@ void printRegistryTree(std::ostream& out, const qv::Registry::EntryView& view,
         for (const auto& [key, value] : *props) {
             std::string text =
                 value.isString() ? qv::quotedDescription(*value.asString()) : value.description();
-            out << inner << bar << "  \"" << key << "\" = " << text << "\n";
+            out << inner << bar << "  \"" << qv::escapedForTerminal(key)
+                << "\" = " << qv::escapedForTerminal(text) << "\n";
         }
         out << inner << bar << "}\n";
     }

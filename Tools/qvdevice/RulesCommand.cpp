@@ -13,6 +13,7 @@
 #include "Foundation/Logging.h"
 #include "Foundation/PropertyList.h"
 #include "Foundation/StringCompare.h"
+#include "Foundation/TerminalText.h"
 #include "Rules/Decryptor.h"
 #include "Rules/NSData_Cipher.h"
 #include "Rules/QVDeviceFilter.h"
@@ -38,26 +39,36 @@ std::string displayName(const std::string& path) {
     return path == "-" ? "standard input" : path;
 }
 
+constexpr int kExitUsage = 2;
+
 // A rules file the framework reads is at most this big once deciphered.
 constexpr std::size_t kPlainLimit = qv::kMaxPropertyListSize;
+
+// 0 when written; an output the tool may not replace is a usage mistake, a failed write is not.
+int outputExitCode(RulesOutput outcome, const char* command, const std::string& error,
+                   CommandContext& context) {
+    if (outcome == RulesOutput::Written) {
+        return 0;
+    }
+    context.err << "qvdevice rules " << command << ": " << error << "\n";
+    return outcome == RulesOutput::Refused ? kExitUsage : 1;
+}
 
 int runEncrypt(const CipherOptions& options, CommandContext& context) {
     std::string error;
     auto plain = readRulesInput(options.input, kPlainLimit, error);
     if (!plain) {
         context.err << "qvdevice rules encrypt: " << error << "\n";
-        return 1;
+        return kExitUsage;
     }
     if (Decryptor::decryptor()->tryToConvertToPlist(*plain).isNil()) {
         context.err << "qvdevice rules encrypt: warning: " << displayName(options.input)
                     << " is not a property list; the framework will not read it\n";
     }
-    if (!writeRulesOutputAtomically(options.output, dataEncryptedWithPass(*plain, options.pass),
-                                    context.out, error)) {
-        context.err << "qvdevice rules encrypt: " << error << "\n";
-        return 1;
-    }
-    return 0;
+    return outputExitCode(
+        writeRulesOutputAtomically(options.output, dataEncryptedWithPass(*plain, options.pass),
+                                   context.out, error),
+        "encrypt", error, context);
 }
 
 int runDecrypt(const CipherOptions& options, CommandContext& context) {
@@ -65,7 +76,7 @@ int runDecrypt(const CipherOptions& options, CommandContext& context) {
     auto enciphered = readRulesInput(options.input, encipheredSizeForLength(kPlainLimit), error);
     if (!enciphered) {
         context.err << "qvdevice rules decrypt: " << error << "\n";
-        return 1;
+        return kExitUsage;
     }
     auto plain = dataDecryptedWithPass(*enciphered, options.pass);
     if (!plain) {
@@ -73,11 +84,10 @@ int runDecrypt(const CipherOptions& options, CommandContext& context) {
                     << " is not a rules file enciphered with this pass phrase; nothing written\n";
         return 1;
     }
-    if (!writeRulesOutputAtomically(options.output, *plain, context.out, error)) {
-        context.err << "qvdevice rules decrypt: " << error << "\n";
-        return 1;
-    }
-    return 0;
+    // The plain text is what enciphering hides: a new file is for its owner's eyes only.
+    return outputExitCode(
+        writeRulesOutputAtomically(options.output, *plain, context.out, error, 0600), "decrypt",
+        error, context);
 }
 
 // "QVID:VID:PID[:PRODUCTNAME]", numbers in decimal or 0x hexadecimal.
@@ -192,14 +202,24 @@ std::size_t reportFile(const LoadedRules& rules, CommandContext& context) {
 
 void reportDevice(const QVDeviceFilterSubject& device, const std::vector<LoadedRules>& loaded,
                   CommandContext& context) {
-    // The exclusion test traces to the system log; the verdicts below say the same.
-    qv::setSystemLogSink([](const std::string&) {});
+    // The exclusion test traces to the system log; the verdicts below say the same, except when a
+    // pattern could not decide (its time limit ran out): that is shown with the verdict.
+    std::vector<std::string> undecided;
+    qv::setSystemLogSink([&undecided](const std::string& line) {
+        if (line.find("the device is excluded") != std::string::npos) {
+            undecided.push_back(line);
+        }
+    });
     QVDeviceFilter::FilterList filters;
     for (const LoadedRules& rules : loaded) {
         const QVDeviceFilter& filter = *rules.filter;
         filters.push_back(rules.filter);
         std::int32_t allowed = filter.isAllowedDevice(device);
+        undecided.clear();
         std::int32_t generic = filter.isExcludedGenericDevice(device);
+        for (const std::string& line : undecided) {
+            context.out << rules.source << ": " << qv::escapedForTerminal(line) << "\n";
+        }
         context.out << rules.source << ": isAllowedDevice " << allowed << " ("
                     << verdictText(allowed) << "), isExcludedGenericDevice " << generic << " ("
                     << (generic == QVDeviceFilter::kAllowed ? "not excluded" : "excluded")
@@ -228,12 +248,12 @@ int runCheck(const CheckOptions& options, CommandContext& context) {
         if (!device) {
             context.err << "qvdevice rules check: --device wants QVID:VID:PID[:PRODUCTNAME], "
                            "numbers in decimal or 0x hexadecimal\n";
-            return 1;
+            return kExitUsage;
         }
     }
     std::vector<LoadedRules> loaded;
     if (!loadRules(options.path, loaded, context)) {
-        return 1;
+        return kExitUsage;
     }
     std::size_t problems = 0;
     for (const LoadedRules& rules : loaded) {

@@ -11,12 +11,14 @@
 #include <string>
 
 #include "CommandContext.h"
+#include "DatabaseFileCheck.h"
 #include "Foundation/Platform.h"
 #include "LiveSession.h"
 #include "OutputStyle.h"
 #include "QVGsmKit/GsmBackend.h"
 #include "QVGsmKit/NullGsmBackend.h"
 #include "Rules/QVDeviceFilter.h"
+#include "RulesFileIO.h"
 #include "RunLoop/GLibRunLoop.h"
 
 namespace qvdevice {
@@ -76,12 +78,7 @@ std::optional<qv::Value> loadRules(const std::string& path, std::string* error) 
         }
         return qv::Value(std::move(rules));
     }
-    qv::Value rules = QVDeviceFilter::tryToGetPropertyListFromContentsOfFile(path);
-    if (!rules.isArray()) {
-        *error = path + " is not a plain or enciphered rules file (a list of rule dictionaries)";
-        return std::nullopt;
-    }
-    return rules;
+    return loadRulesFile(path, *error);
 }
 
 int runLive(const RunOptions& options, CommandContext& context) {
@@ -96,9 +93,8 @@ int runLive(const RunOptions& options, CommandContext& context) {
         session.rules = std::move(*rules);
     }
     if (!options.database.empty()) {
-        std::error_code ec;
-        if (!std::filesystem::is_regular_file(options.database, ec)) {
-            context.err << "qvdevice run: " << options.database << " cannot be read\n";
+        if (auto refusal = databaseFileRefusal(options.database)) {
+            context.err << "qvdevice run: refused database: " << *refusal << '\n';
             return 2;
         }
         qv::Bundle::setPathForResource("DeviceDatabase", "plist", options.database);

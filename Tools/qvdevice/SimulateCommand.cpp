@@ -30,13 +30,17 @@ int runSimulate(const SimulateOptions& options, CommandContext& context) {
     if (options.until >= 0.0) {
         until = options.until;
     }
-    SimulationResult result = Simulator::run(*scenario, until);
+    // Each line is written as it happens: a long or endless story shows its progress and keeps
+    // nothing in memory.
+    const bool pretty = wantsPrettyLines(options.pretty, options.json, context.out);
+    SimulationResult result =
+        Simulator::run(*scenario, until, [&context, pretty](SimulationEvent&& event) {
+            context.out << (pretty ? event.prettyLine() : event.jsonLine()) << '\n';
+        });
     if (!result.ok) {
         context.err << "qvdevice simulate: " << result.error << '\n';
         return 2;
     }
-    writeEvents(context.out, result.events,
-                wantsPrettyLines(options.pretty, options.json, context.out));
     context.out.flush();
     return context.out ? 0 : 1;
 }

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "Foundation/TerminalText.h"
+
 namespace qvdevice {
 
 namespace {
@@ -58,7 +60,7 @@ std::string SimulationEvent::jsonLine() const {
     for (const auto& [key, value] : fields.items()) {
         line[key] = value;
     }
-    std::string text = line.dump(-1, ' ', false, qv::Json::error_handler_t::replace);
+    std::string text = qv::jsonLineText(line);
     if (!deviceRecord.empty()) {
         text.pop_back();
         text += R"(,"device":)";
@@ -101,18 +103,9 @@ std::string SimulationEvent::prettyLine() const {
     } else {
         detail = fields.dump();
     }
-    // One event, one line: embedded line breaks of log texts are shown escaped.
-    std::string line = head;
-    for (char c : detail) {
-        if (c == '\n') {
-            line += "\\n";
-        } else if (c == '\r') {
-            line += "\\r";
-        } else {
-            line += c;
-        }
-    }
-    return line;
+    // One event, one line, and nothing a device or a file says reaches the terminal as a control:
+    // line breaks, escape sequences, bells and C1 controls are shown escaped.
+    return head + qv::escapedForTerminal(detail);
 }
 
 void writeEvents(std::ostream& out, const std::vector<SimulationEvent>& events, bool pretty) {

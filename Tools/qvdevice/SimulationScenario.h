@@ -17,7 +17,7 @@
 namespace qvdevice {
 
 // The longest virtual time a scenario or the command line may ask to play: about 115 days.
-inline constexpr double kMaxVirtualSeconds = 1e7;
+inline constexpr double kMaxVirtualSeconds = qv::ScriptedTimeline::kMaxEventTime;
 
 struct SimulationOptions {
     std::optional<std::string> database;  // path; the shipped database when absent

@@ -1,9 +1,9 @@
 #include "Simulator.h"
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
 #include "ApplicationActionPlayer.h"
+#include "DatabaseFileCheck.h"
 
 #include "Application/PlatformFactory.h"
 #include "Application/QVDeviceObserver.h"
@@ -23,6 +23,7 @@
 #include "Recognition/QVDeviceMonitorGenericDevRecogn.h"
 #include "RecordingObserver.h"
 #include "Rules/QVDeviceFilter.h"
+#include "RulesFileIO.h"
 #include "RunLoop/VirtualRunLoop.h"
 #include "SimulatedApplication.h"
 
@@ -30,21 +31,29 @@ namespace qvdevice {
 
 namespace {
 
-// Collects the events of one run, stamped with the virtual time since the start.
+// Passes on or collects the events of one run, stamped with the virtual time since the start.
 class EventRecorder : public EventSink {
   public:
-    EventRecorder(const qv::VirtualRunLoop& loop, double origin) : loop_(loop), origin_(origin) {}
+    EventRecorder(const qv::VirtualRunLoop& loop, double origin,
+                  const SimulationEventConsumer& consumer)
+        : loop_(loop), origin_(origin), consumer_(consumer) {}
 
     using EventSink::add;
     void add(std::string kind, qv::Json fields, std::string deviceRecord) override {
-        events_.push_back(SimulationEvent{loop_.now() - origin_, std::move(kind), std::move(fields),
-                                          std::move(deviceRecord)});
+        SimulationEvent event{loop_.now() - origin_, std::move(kind), std::move(fields),
+                              std::move(deviceRecord)};
+        if (consumer_) {
+            consumer_(std::move(event));
+        } else {
+            events_.push_back(std::move(event));
+        }
     }
     std::vector<SimulationEvent> take() { return std::move(events_); }
 
   private:
     const qv::VirtualRunLoop& loop_;
     double origin_;
+    const SimulationEventConsumer& consumer_;
     std::vector<SimulationEvent> events_;
 };
 
@@ -115,20 +124,17 @@ std::optional<qv::Value> loadRules(const SimulationOptions& options, std::string
         // Made in place: moving a nil temporary in trips GCC 12's maybe-uninitialized at -O1.
         return std::make_optional<qv::Value>();
     }
-    qv::setNamedLogSink([](const std::string&, const std::string&) {});
-    qv::Value rules = QVDeviceFilter::tryToGetPropertyListFromContentsOfFile(*options.rulesFile);
-    qv::setNamedLogSink({});
-    if (!rules.isArray()) {
-        *error = "options.rulesFile: " + *options.rulesFile +
-                 " is not a plain or enciphered rules file (a list of rule dictionaries)";
-        return std::nullopt;
+    std::optional<qv::Value> rules = loadRulesFile(*options.rulesFile, *error);
+    if (!rules) {
+        *error = "options.rulesFile: " + *error;
     }
     return rules;
 }
 
 }  // namespace
 
-SimulationResult Simulator::run(const SimulationScenario& scenario, std::optional<double> until) {
+SimulationResult Simulator::run(const SimulationScenario& scenario, std::optional<double> until,
+                                const SimulationEventConsumer& consumer) {
     SimulationResult result;
     const SimulationOptions& options = scenario.options;
 
@@ -143,9 +149,11 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
         result.error = error;
         return result;
     }
-    if (options.database && !std::ifstream(*options.database)) {
-        result.error = "options.database: " + *options.database + " cannot be read";
-        return result;
+    if (options.database) {
+        if (auto refusal = databaseFileRefusal(*options.database)) {
+            result.error = "options.database: " + *refusal;
+            return result;
+        }
     }
 
     SeamInstallation seams;
@@ -153,7 +161,7 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     auto loop = std::make_shared<qv::VirtualRunLoop>();
     qv::RunLoop::setCurrent(loop);
     const double origin = loop->now();
-    EventRecorder recorder(*loop, origin);
+    EventRecorder recorder(*loop, origin, consumer);
     bool terminated = false;
 
     qv::setNamedLogSink([&](const std::string& log, const std::string& message) {
@@ -174,11 +182,15 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
         });
     std::unique_ptr<PreparationStory> preparation;
     auto launcher = std::make_shared<qv::RecordingTaskLauncher>();
+    // The launcher and the modem library keep a record of every call for tests that ask them
+    // afterwards; here each call becomes an event at once, and a long story must not pile them
+    // up, so the records are dropped as they are passed on (each observer gets its own copy).
     launcher->setObserver([&](const qv::RecordingTaskLauncher::Record& record) {
         recorder.add("exec", qv::Json{{"argv", record.argv}});
         if (preparation) {
             preparation->programStarted(record);
         }
+        launcher->clear();
     });
     qv::TaskLauncher::setShared(launcher);
     qv::Workspace::setShared(std::make_shared<qv::FixedWorkspace>(options.runningApplications));
@@ -192,6 +204,7 @@ SimulationResult Simulator::run(const SimulationScenario& scenario, std::optiona
     });
     backend->setObserver([&](const qv::ScriptedGsmBackend::Call& call) {
         recorder.add("gsm", gsmCallFields(call));
+        backend->clearCalls();
     });
     qv::GsmBackend::setCurrent(backend);
 

@@ -4,6 +4,7 @@
 // Tests drive it through run() rather than by parsing the tool's output.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,10 +14,14 @@
 
 namespace qvdevice {
 
+// Takes each event as it happens, in place of collecting it: a story may run for weeks of
+// virtual time, or loop, and its events must not pile up.
+using SimulationEventConsumer = std::function<void(SimulationEvent&&)>;
+
 struct SimulationResult {
     bool ok = false;
-    std::string error;  // one line when !ok: nothing ran
-    std::vector<SimulationEvent> events;
+    std::string error;                    // one line when !ok: nothing ran
+    std::vector<SimulationEvent> events;  // empty when the events went to a consumer
     // The framework's state when the story ended: devices still waiting for identification, and
     // devices recognised and present.
     std::size_t pendingAtEnd = 0;
@@ -29,9 +34,11 @@ class Simulator {
     // a 30 s handling time-out and a few polling rounds.
     static constexpr double kDefaultTail = 35.0;
 
-    // `until` overrides the scenario's own end.
+    // `until` overrides the scenario's own end. With a consumer, each event goes to it at once
+    // and none is kept; nothing reaches it when the scenario is refused before it starts.
     static SimulationResult run(const SimulationScenario& scenario,
-                                std::optional<double> until = std::nullopt);
+                                std::optional<double> until = std::nullopt,
+                                const SimulationEventConsumer& consumer = nullptr);
 };
 
 }  // namespace qvdevice

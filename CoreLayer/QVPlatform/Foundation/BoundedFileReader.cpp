@@ -47,7 +47,8 @@ std::optional<std::string> readFileUpTo(const std::string& path, std::size_t lim
     const int flags = O_RDONLY | O_CLOEXEC | (kinds == FileKinds::RegularOnly ? O_NONBLOCK : 0);
     const int fd = ::open(path.c_str(), flags);
     if (fd < 0) {
-        return fail(reason, std::strerror(errno));
+        // The system's "Too many levels of symbolic links" hides that the links go round.
+        return fail(reason, errno == ELOOP ? "is a loop of symbolic links" : std::strerror(errno));
     }
     struct stat info {};
     std::optional<std::string> bytes;

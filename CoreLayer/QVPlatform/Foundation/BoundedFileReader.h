@@ -18,8 +18,9 @@ enum class FileKinds {
 };
 
 // The bytes of the file at `path`, or nullopt with the reason in `reason` (when given): the
-// system's words ("No such file or directory"), "is a directory", "is not a regular file", or
-// "larger than N bytes" once more than `limit` bytes arrived.
+// system's words ("No such file or directory", "Permission denied"), "is a loop of symbolic
+// links", "is a directory", "is not a regular file", or "larger than N bytes" once more than
+// `limit` bytes arrived.
 std::optional<std::string> readFileUpTo(const std::string& path, std::size_t limit, FileKinds kinds,
                                         std::string* reason);
 

@@ -6,12 +6,13 @@
 #include <vector>
 
 #include "BoundedFileReader.h"
+#include "JsonNesting.h"
 
 namespace qv {
 
 namespace {
 
-constexpr int kMaxJsonDepth = 256;
+constexpr std::size_t kMaxJsonDepth = kMaxJsonNesting;
 
 const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -34,7 +35,7 @@ int sextet(char c) {
     return -1;
 }
 
-std::optional<Value> convert(const Json& json, const std::string& where, int depth,
+std::optional<Value> convert(const Json& json, const std::string& where, std::size_t depth,
                              std::string* error) {
     auto fail = [&](const std::string& message) -> std::optional<Value> {
         if (error != nullptr) {
@@ -149,17 +150,15 @@ Json jsonFromValue(const Value& value) {
 
 namespace {
 
-// The one-line text the tools print: nothing escaped beyond what JSON needs, bytes that are not
-// UTF-8 replaced.
 std::string dumpLine(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return jsonLineText(json);
 }
 
 // The bytes a JSON string cannot hold as they stand, and those that may not be UTF-8.
 constexpr std::array<bool, 256> kNotPlainText = [] {
     std::array<bool, 256> table{};
     for (int c = 0; c < 256; ++c) {
-        table[c] = c < 0x20 || c >= 0x80 || c == '"' || c == '\\';
+        table[c] = c < 0x20 || c >= 0x7F || c == '"' || c == '\\';
     }
     return table;
 }();
@@ -182,6 +181,40 @@ void appendJsonString(std::string& out, const std::string& text) {
 }
 
 }  // namespace
+
+std::string jsonLineText(const Json& json) {
+    std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    // The dump is well-formed UTF-8, so 0xC2 always leads a two-byte character here, and these
+    // bytes can only stand inside strings.
+    bool plain = true;
+    for (char c : text) {
+        if (c == '\x7f' || c == '\xc2') {
+            plain = false;
+            break;
+        }
+    }
+    if (plain) {
+        return text;
+    }
+    std::string escaped;
+    escaped.reserve(text.size() + 16);
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c == 0x7F) {
+            escaped += "\\u007f";
+        } else if (c == 0xC2 && i + 1 < text.size() &&
+                   static_cast<unsigned char>(text[i + 1]) <= 0x9F) {
+            static const char kHex[] = "0123456789abcdef";
+            const auto low = static_cast<unsigned char>(text[++i]);
+            escaped += "\\u00";
+            escaped += kHex[low >> 4];
+            escaped += kHex[low & 0xF];
+        } else {
+            escaped += static_cast<char>(c);
+        }
+    }
+    return escaped;
+}
 
 void appendJsonText(std::string& out, const Value& value) {
     switch (value.type()) {
@@ -309,11 +342,32 @@ std::optional<Json> readJsonFile(const std::string& path, std::size_t maxBytes,
     if (!text) {
         return failWith(reason);
     }
-    Json json = Json::parse(*text, nullptr, false);
-    if (json.is_discarded()) {
-        return failWith("not valid JSON");
+    std::optional<Json> json = parseJsonText(*text, &reason);
+    if (!json) {
+        return failWith(reason);
     }
     return json;
+}
+
+std::optional<Json> parseJsonText(std::string_view text, std::string* error) {
+    auto failWith = [&](std::string reason) -> std::optional<Json> {
+        if (error != nullptr) {
+            *error = std::move(reason);
+        }
+        return std::nullopt;
+    };
+    if (std::optional<std::string> nesting = jsonNestingProblem(text)) {
+        return failWith(std::move(*nesting));
+    }
+    try {
+        return Json::parse(text);
+    } catch (const Json::exception& e) {
+        // The library's text names the place: "parse error at line 2, column 7: ...".
+        std::string detail = e.what();
+        const std::size_t at = detail.find("parse error");
+        return failWith("not valid JSON: " +
+                        (at == std::string::npos ? detail : detail.substr(at)));
+    }
 }
 
 }  // namespace qv

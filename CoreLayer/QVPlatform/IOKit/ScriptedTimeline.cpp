@@ -136,8 +136,13 @@ class Parser {
             return fail(where, "an event needs a number \"at\"");
         }
         event.at = json["at"].get<double>();
-        if (!std::isfinite(event.at) || event.at < 0.0) {
-            return fail(where + ".at", "must be a time of at least 0 seconds");
+        if (!std::isfinite(event.at) || event.at < 0.0 ||
+            event.at > ScriptedTimeline::kMaxEventTime) {
+            return fail(
+                where + ".at",
+                "must be a time from 0 to " +
+                    std::to_string(static_cast<long long>(ScriptedTimeline::kMaxEventTime)) +
+                    " seconds");
         }
         int kinds = static_cast<int>(json.contains("add")) +
                     static_cast<int>(json.contains("set")) +

@@ -22,6 +22,9 @@ namespace qv {
 
 class ScriptedTimeline {
   public:
+    // The latest time an event may have: about 115 days, as far as a story may be played.
+    static constexpr double kMaxEventTime = 1e7;
+
     struct Entry {
         std::string id;
         std::string className;

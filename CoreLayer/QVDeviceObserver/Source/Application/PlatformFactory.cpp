@@ -3,6 +3,7 @@
 #include <mutex>
 #include <utility>
 
+#include "Events/RegistryFeedUsers.h"
 #include "LiveDevicePlatform.h"
 #include "QVGsmKit/SerialGsmBackend.h"
 
@@ -87,6 +88,14 @@ void PlatformFactory::resetForTesting() {
 int PlatformFactory::observerCount() {
     std::lock_guard<std::mutex> lock(state().mutex);
     return state().users;
+}
+
+void registryFeedUserStarted() {
+    PlatformFactory::observerStarted();
+}
+
+void registryFeedUserStopped() {
+    PlatformFactory::observerStopped();
 }
 
 }  // namespace qv

@@ -9,7 +9,8 @@
 // and task launcher through the usual setters) before starting an observer.
 //
 // Observers share the registry: the platform starts with the first observer that starts and stops
-// with the last one that stops; starting an observer twice counts once.
+// with the last one that stops; starting an observer twice counts once. A serial port enabler
+// counts as an observer here (Events/RegistryFeedUsers.h).
 #pragma once
 
 #include <memory>
@@ -32,7 +33,7 @@ class PlatformFactory {
     // The modem library the live platform uses when none is installed.
     static std::shared_ptr<GsmBackend> defaultModemBackend();
 
-    // An observer starts or stops using the registry (QVDeviceObserver calls these).
+    // An observer (or an enabler) starts or stops using the registry.
     static void observerStarted();
     static void observerStopped();
     // Observers using the registry now.

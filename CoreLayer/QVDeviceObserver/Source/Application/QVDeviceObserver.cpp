@@ -1,5 +1,7 @@
 #include "Application/QVDeviceObserver.h"
 
+#include <cstdint>
+#include <map>
 #include <mutex>
 #include <set>
 
@@ -23,10 +25,15 @@ std::shared_ptr<QVDeviceObserver>& sharedObserver() {
 }
 
 // The observers alive now: a modem answer carries its observer only as an untyped context, and
-// one that arrives after the observer is gone must find nobody.
+// one that arrives after the observer is gone must find nobody. Requests carry the context of the
+// observer's run rather than the observer, so that answers to a stopped run find nobody either,
+// even when the observer has started again meanwhile.
 struct LiveObservers {
     std::mutex mutex;
     std::set<const void*> addresses;
+    std::map<const void*, QVDeviceObserver*> runs;
+    // Run contexts are odd numbers, never reused: never an object's address, never an old run's.
+    std::uintptr_t nextRun = 1;
 };
 
 // Never destroyed: an observer that a static elsewhere holds may die after this file's statics.
@@ -43,6 +50,21 @@ void setAlive(const QVDeviceObserver* observer, bool alive) {
     } else {
         live.addresses.erase(observer);
     }
+}
+
+void* openRunContext(QVDeviceObserver* observer) {
+    LiveObservers& live = liveObservers();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    void* context = reinterpret_cast<void*>(live.nextRun);
+    live.nextRun += 2;
+    live.runs[context] = observer;
+    return context;
+}
+
+void closeRunContext(void* context) {
+    LiveObservers& live = liveObservers();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    live.runs.erase(context);
 }
 
 // A record without a name prints as nil does.
@@ -76,12 +98,17 @@ std::shared_ptr<QVDeviceObserver> QVDeviceObserver::initWithDeviceMonitor(
 QVDeviceObserver* QVDeviceObserver::liveObserverFromContext(void* context) {
     LiveObservers& live = liveObservers();
     std::lock_guard<std::mutex> lock(live.mutex);
-    return live.addresses.count(context) != 0 ? static_cast<QVDeviceObserver*>(context) : nullptr;
+    if (live.addresses.count(context) != 0) {
+        return static_cast<QVDeviceObserver*>(context);
+    }
+    auto run = live.runs.find(context);
+    return run != live.runs.end() ? run->second : nullptr;
 }
 
 QVDeviceObserver::QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor)
     : _deviceMonitor(std::move(monitor)) {
     setAlive(this, true);
+    _modemContext = openRunContext(this);
     if (_deviceMonitor) {
         _deviceMonitor->setDelegate(this);
     }
@@ -90,12 +117,18 @@ QVDeviceObserver::QVDeviceObserver(std::shared_ptr<QVDeviceMonitor> monitor)
 
 QVDeviceObserver::~QVDeviceObserver() {
     setAlive(this, false);
+    closeRunContext(_modemContext);
+    for (const auto& timer : _requeryTimers) {
+        timer->invalidate();
+    }
     releasePlatform();
     if (_deviceMonitor && _deviceMonitor->delegate() == this) {
         _deviceMonitor->setDelegate(nullptr);
     }
 }
 
+// While started already this only empties the application's list: the monitor, started too,
+// announces nothing again. Polling and the registry's feed go on as they were.
 void QVDeviceObserver::start() {
     _stopped = false;
     _deviceList.clear();
@@ -114,11 +147,22 @@ void QVDeviceObserver::stop() {
     // The delegate goes first, so nobody hears of the devices that were present; the list stays
     // readable until the next start replaces it.
     _stopped = true;
+    endModemRun();
     if (_deviceMonitor) {
         _deviceMonitor->setDelegate(nullptr);
         _deviceMonitor->teardown();
     }
     releasePlatform();
+}
+
+void QVDeviceObserver::endModemRun() {
+    closeRunContext(_modemContext);
+    _modemContext = openRunContext(this);
+    for (const auto& timer : _requeryTimers) {
+        timer->invalidate();
+    }
+    _requeryTimers.clear();
+    QVPrioQueue::getInstance()->removeTask(shared_from_this(), kNetworkQueryPriority);
 }
 
 void QVDeviceObserver::releasePlatform() {
@@ -167,8 +211,9 @@ void QVDeviceObserver::update() {
     }
     const std::string portName = port->name();
     const int deviceId = device->qvDeviceId();
-    startGroundInitEx(deviceId, portName.c_str(), kGroundInitScript, groundInitListener, this);
-    if (getTheDeviceInfo(deviceId, portName.c_str(), getDeviceInfoListener, this) == 0) {
+    startGroundInitEx(deviceId, portName.c_str(), kGroundInitScript, groundInitListener,
+                      _modemContext);
+    if (getTheDeviceInfo(deviceId, portName.c_str(), getDeviceInfoListener, _modemContext) == 0) {
         qv::logRecognition("Fatal error: Start Get OGTC status error(enabled or disabled)...");
     }
 }
@@ -189,8 +234,25 @@ void QVDeviceObserver::executeInBackground(QVPrioQueue& queue) {
         return;
     }
     auto port = device->portWithCapability("NetworkQuery");
-    const std::string portName = port ? port->name() : std::string();
-    startGetNetworkInfoEx(device->qvDeviceId(), portName.c_str(), gsmGetNetworkInfoListener, this);
+    if (!port) {
+        qv::logRecognition("Default device '%@' has no port for network queries: no modem request",
+                           productNameOf(device));
+        return;
+    }
+    const std::string portName = port->name();
+    startGetNetworkInfoEx(device->qvDeviceId(), portName.c_str(), gsmGetNetworkInfoListener,
+                          _modemContext);
+}
+
+void QVDeviceObserver::scheduleNetworkRequery() {
+    std::weak_ptr<QVDeviceObserver> weak = weak_from_this();
+    std::erase_if(_requeryTimers, [](const auto& timer) { return !timer->isValid(); });
+    _requeryTimers.push_back(
+        qv::RunLoop::current().scheduleTimer(kNetworkQueryInterval, false, [weak](qv::Timer&) {
+            if (auto strong = weak.lock()) {
+                strong->fireStartGetNetInfo();
+            }
+        }));
 }
 
 void QVDeviceObserver::networkInfoDidUpdate(const qv::Value& info) {

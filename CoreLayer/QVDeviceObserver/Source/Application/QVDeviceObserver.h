@@ -15,6 +15,7 @@
 #include "Application/QVPrioQueue.h"
 #include "Foundation/Value.h"
 #include "Recognition/QVDeviceEventCallbacks.h"
+#include "RunLoop/RunLoop.h"
 
 class QVDevice;
 class QVDeviceMonitor;
@@ -34,8 +35,12 @@ class QVDeviceObserver : public QVDeviceEventCallbacks,
     static std::shared_ptr<QVDeviceObserver> initWithDeviceMonitor(
         std::shared_ptr<QVDeviceMonitor> monitor);
     ~QVDeviceObserver() override;
-    // The observer a modem-library context names, or nullptr once that observer is destroyed.
+    // The observer a modem-library context names: the observer itself, or the context of one of
+    // its runs (what its requests carry). nullptr once that observer is destroyed, and for the
+    // context of a run that has been stopped.
     static QVDeviceObserver* liveObserverFromContext(void* context);
+    // The context the requests of the current run carry.
+    void* modemContext() const { return _modemContext; }
 
     void start();
     void stop();
@@ -61,6 +66,9 @@ class QVDeviceObserver : public QVDeviceEventCallbacks,
     void fireGetNetInfo() { fireStartGetNetInfo(); }
     void executeInBackground(QVPrioQueue& queue) override;
     void networkInfoDidUpdate(const qv::Value& info);
+    // The one-shot timer that asks again kNetworkQueryInterval seconds after an answer; a stop
+    // cancels it.
+    void scheduleNetworkRequery();
     void deviceInfoDidUpdate(const qv::Value& info);
     void deviceDidRecognize();
     void deviceRecognitionError(int code);
@@ -80,6 +88,9 @@ class QVDeviceObserver : public QVDeviceEventCallbacks,
 
   private:
     void releasePlatform();
+    // Ends the current run's modem work: its answers find nobody, its re-query timers are
+    // cancelled and its queued network query is taken out of the queue.
+    void endModemRun();
 
     std::int32_t _defaultDevice = -1;
     qv::Value _netInfo;
@@ -90,6 +101,9 @@ class QVDeviceObserver : public QVDeviceEventCallbacks,
     // Set by stop, cleared by start: a stopped observer starts no modem request and passes no
     // late modem answer on, so polling that was under way ends with the stop.
     bool _stopped = false;
+    // The modem library's context for this run's requests; a new one after every stop.
+    void* _modemContext = nullptr;
+    std::vector<std::shared_ptr<qv::Timer>> _requeryTimers;
     std::shared_ptr<QVDeviceMonitor> _deviceMonitor;
     bool _usesPlatform = false;  // counted among the registry's users (PlatformFactory)
 };

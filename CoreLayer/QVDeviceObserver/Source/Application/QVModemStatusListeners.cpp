@@ -4,7 +4,6 @@
 #include "Foundation/Logging.h"
 #include "Foundation/Platform.h"
 #include "QVGsmKit/GsmResultCodes.h"
-#include "RunLoop/RunLoop.h"
 
 namespace {
 
@@ -60,13 +59,7 @@ void gsmGetNetworkInfoListener(std::int32_t code, void* context, qv::Value* data
         }
         observer->networkInfoDidUpdate(*data);
         if (observer->autorepeatNetInfo()) {
-            std::weak_ptr<QVDeviceObserver> weak = observer->weak_from_this();
-            qv::RunLoop::current().scheduleTimer(QVDeviceObserver::kNetworkQueryInterval, false,
-                                                 [weak](qv::Timer&) {
-                                                     if (auto strong = weak.lock()) {
-                                                         strong->fireStartGetNetInfo();
-                                                     }
-                                                 });
+            observer->scheduleNetworkRequery();
         }
     } else if (code == kGsmErrorNoResponse || code == kGsmErrorNetworkInfo) {
         qv::logRecognition("Gsm fatal error. Error get network info");

@@ -6,6 +6,7 @@
 #include "Foundation/Exception.h"
 #include "Foundation/Format.h"
 #include "Foundation/Logging.h"
+#include "IOKit/Registry.h"
 #include "RunLoop/RunLoop.h"
 
 namespace {
@@ -22,6 +23,9 @@ const std::string* internedKey(const std::string& key) {
 namespace {
 
 std::shared_ptr<QVDeviceNotificationCenter>& sharedCenter() {
+    // Made first, the registry is destroyed last at exit: receivers the center still holds then
+    // (a serial port enabler) hand their use of the registry's feed back while it exists.
+    [[maybe_unused]] static const bool registryFirst = (qv::Registry::shared(), true);
     static std::shared_ptr<QVDeviceNotificationCenter> shared =
         std::make_shared<QVDeviceNotificationCenter>();
     return shared;
@@ -91,7 +95,7 @@ void QVDeviceNotificationCenter::addObserver(std::shared_ptr<QVDeviceNotificatio
             throw qv::Exception(qv::kNSInternalInconsistencyException,
                                 "IOKit Error. Add matching notification failed");
         }
-        _armedIterators.push_back(iterator);
+        _armedIterators[*key] = iterator;
     } else {
         // The key is armed already: the newcomer learns what is present by a plain lookup.
         if (IOServiceGetMatchingServices(kIOMasterPortDefault, matching, &iterator) !=
@@ -131,11 +135,33 @@ void QVDeviceNotificationCenter::removeAllNotifications() {
         _myPort = nullptr;
     }
     // With the port gone the notifications are over; their iterators are only objects now.
-    for (io_iterator_t iterator : _armedIterators) {
+    for (const auto& [key, iterator] : _armedIterators) {
         IOObjectRelease(iterator);
     }
     _armedIterators.clear();
     clearNotificationsDict();
+}
+
+void QVDeviceNotificationCenter::removeAllNotificationsOfObserver(
+    const QVDeviceNotificationObserver* observer) {
+    for (auto key = _notificationsDict.begin(); key != _notificationsDict.end();) {
+        std::erase_if(key->second,
+                      [observer](const auto& entry) { return entry->observer.get() == observer; });
+        if (!key->second.empty()) {
+            ++key;
+            continue;
+        }
+        // Nobody listens under this key any more: releasing its iterator ends the notification.
+        auto armed = _armedIterators.find(key->first);
+        if (armed != _armedIterators.end()) {
+            IOObjectRelease(armed->second);
+            _armedIterators.erase(armed);
+        }
+        key = _notificationsDict.erase(key);
+    }
+    if (_notificationsDict.empty()) {
+        removeAllNotifications();
+    }
 }
 
 void QVDeviceNotificationCenter::clearNotificationsDict() {

@@ -6,7 +6,8 @@
 //
 // Owned by the thread that subscribes first: the notification port's run-loop source goes to that
 // thread's run loop, and every delivery happens there. Observers are retained until
-// removeAllNotifications(); they are never removed one by one.
+// removeAllNotifications() or until their own subscriptions end with
+// removeAllNotificationsOfObserver(); removeObserver() removes nothing.
 #pragma once
 
 #include <map>
@@ -49,6 +50,10 @@ class QVDeviceNotificationCenter : public qv::Object {
     // Ends every notification and forgets every observer; safe during a delivery (observers not
     // yet called in that batch are not called).
     void removeAllNotifications();
+    // Ends the subscriptions of one observer, so that several monitors (and an enabler) can come
+    // and go independently: a key left without observers is disarmed, and once no subscription is
+    // left at all everything goes as with removeAllNotifications(). Safe during a delivery.
+    void removeAllNotificationsOfObserver(const QVDeviceNotificationObserver* observer);
     void clearNotificationsDict();
 
     // "<idVendor>" and "_<idProduct>", each only when present: "4817_7957", "_7957" or "".
@@ -76,8 +81,9 @@ class QVDeviceNotificationCenter : public qv::Object {
     std::map<std::string, ObserverList> _notificationsDict;
     IONotificationPortRef _myPort = nullptr;
     qv::CFRunLoopSourceRef _notificationRunLoopSource;
-    // The armed notifications' iterators, given back when the port is gone.
-    std::vector<io_iterator_t> _armedIterators;
+    // The armed notification of each key, by its iterator: given back when the port is gone, or
+    // released (which disarms it) when the key's last observer leaves.
+    std::map<std::string, io_iterator_t> _armedIterators;
 };
 
 // The registry's callbacks; `refCon` is the subscription key given when the notification was

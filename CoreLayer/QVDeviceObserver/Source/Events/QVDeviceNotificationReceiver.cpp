@@ -149,6 +149,10 @@ void QVDeviceNotificationReceiver::handleDeviceTimerCallback(qv::Timer& timer) {
         }
         if (device->timeIntervalSinceItWasAdded() > _handlingTimout) {
             timeoutHandlingDevice(device);
+            // Stopped and started again from the report: the device is the new run's now.
+            if (wasStoppedSince(epoch)) {
+                return;
+            }
             removeDevice(device);
             // One time-out per tick; the devices behind it wait for the next one.
             return;

@@ -82,10 +82,14 @@ std::shared_ptr<QVDeviceDatabase> QVDeviceDatabase::databaseFromPropertyListStri
     return database;
 }
 
-std::optional<std::string> QVDeviceDatabase::readDatabaseText(const std::string& path) {
+std::optional<std::string> QVDeviceDatabase::readDatabaseText(const std::string& path,
+                                                              std::string* reason) {
     std::optional<std::string> text =
-        qv::readFileUpTo(path, qv::kMaxPropertyListSize, qv::FileKinds::AnyReadable, nullptr);
-    if (!text || !qv::isValidUTF8(*text)) {
+        qv::readFileUpTo(path, qv::kMaxPropertyListSize, qv::FileKinds::RegularOnly, reason);
+    if (text && !qv::isValidUTF8(*text)) {
+        if (reason != nullptr) {
+            *reason = "is not UTF-8 text";
+        }
         return std::nullopt;
     }
     return text;

@@ -42,8 +42,11 @@ class QVDeviceDatabase : public qv::Object {
     static std::shared_ptr<QVDeviceDatabase> databaseFromFile(const std::string& path);
     // The framework's own database: resource "DeviceDatabase" of type "plist" in the bundle.
     static std::shared_ptr<QVDeviceDatabase> databaseFromBundle();
-    // The text of a database file, or nullopt as described at databaseFromFile.
-    static std::optional<std::string> readDatabaseText(const std::string& path);
+    // The text of a database file, or nullopt as described at databaseFromFile, with the reason
+    // in `reason` when given (the reader's words, or "is not UTF-8 text"). Only a regular file is
+    // read: a FIFO or device node would make the framework wait or read without end.
+    static std::optional<std::string> readDatabaseText(const std::string& path,
+                                                       std::string* reason = nullptr);
 
     const EntryList& entries() const { return _entries; }
     // Points the entry back at this database, then appends it. Duplicate IDs are kept; lookups

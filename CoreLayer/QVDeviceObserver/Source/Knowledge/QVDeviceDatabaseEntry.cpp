@@ -168,9 +168,13 @@ const QVDeviceDatabaseEntry* QVDeviceDatabaseEntry::nextInChain(std::size_t& cli
         return nullptr;
     }
     // A chain without a cycle visits every entry at most once; climbing more often than that
-    // means the chain loops, and it would never end.
+    // means the chain loops, and it would never end. Said as what it is: every entry on the way
+    // exists.
     if (++climbs > _database->entries().size()) {
-        QVDeviceDatabase::raiseNoEntryWithQuorvelID(static_cast<std::uint32_t>(ancestorID));
+        throw qv::Exception(
+            qv::kNSInternalInconsistencyException,
+            qv::format("Database entries inherit in a cycle: Quorvel ID <%d> is its own ancestor",
+                       static_cast<int>(ancestorID)));
     }
     return _database->entryForQuorvelID(static_cast<std::uint32_t>(ancestorID)).get();
 }

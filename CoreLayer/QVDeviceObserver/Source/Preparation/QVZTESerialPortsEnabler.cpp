@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "Events/QVDeviceNotificationCenter.h"
+#include "Events/RegistryFeedUsers.h"
 #include "Foundation/Logging.h"
 #include "Foundation/Platform.h"
 #include "Foundation/Task.h"
@@ -44,9 +46,32 @@ const std::vector<QVZTESerialPortsEnabler::Model>& QVZTESerialPortsEnabler::subs
     return models;
 }
 
+QVZTESerialPortsEnabler::~QVZTESerialPortsEnabler() {
+    releaseRegistryFeed();
+}
+
 void QVZTESerialPortsEnabler::startEnableSerialPortsForDevices() {
+    // First the feed, so that the sticks already attached are in the registry when subscribing.
+    if (!_usesRegistryFeed) {
+        _usesRegistryFeed = true;
+        qv::registryFeedUserStarted();
+    }
     for (const Model& model : subscribedModels()) {
         listenForNotificationsForVendorID(model.vendorID, model.productID);
+    }
+}
+
+void QVZTESerialPortsEnabler::stopEnableSerialPortsForDevices() {
+    QVDeviceNotificationCenter::defaultDeviceNotificationCenter()->removeAllNotificationsOfObserver(
+        this);
+    stopExamination();
+    releaseRegistryFeed();
+}
+
+void QVZTESerialPortsEnabler::releaseRegistryFeed() {
+    if (_usesRegistryFeed) {
+        _usesRegistryFeed = false;
+        qv::registryFeedUserStopped();
     }
 }
 

@@ -10,6 +10,10 @@
 //   mounted, and the one Option model that still shows no ports afterwards is re-enumerated on
 //   the USB bus.
 // A stick whose CD never shows as mounted ends with the base class's time-out line.
+//
+// The enabler needs no observer: from startEnableSerialPortsForDevices() on it keeps the
+// registry's feed running (udev on a live machine) and stays subscribed while observers stop and
+// start, until stopEnableSerialPortsForDevices() or its destruction.
 #pragma once
 
 #include <cstdint>
@@ -32,9 +36,14 @@ class QVZTESerialPortsEnabler : public QVDeviceNotificationReceiver {
     // The sticks it subscribes to, in subscription order.
     static const std::vector<Model>& subscribedModels();
 
+    QVZTESerialPortsEnabler() = default;
+    ~QVZTESerialPortsEnabler() override;
+
     // Subscribes to every model of the table, in table order; sticks already attached are queued
     // during the call.
     void startEnableSerialPortsForDevices();
+    // Ends the subscriptions and forgets the sticks still waiting; the feed is let go.
+    void stopEnableSerialPortsForDevices();
 
     bool ejectSecondaryDisk() const { return _ejectSecondaryDisk; }
     void setEjectSecondaryDisk(bool eject) { _ejectSecondaryDisk = eject; }
@@ -66,7 +75,10 @@ class QVZTESerialPortsEnabler : public QVDeviceNotificationReceiver {
     // Runs the disk utility with `arguments` and waits; its outcome is not examined.
     void runDiskUtility(std::vector<std::string> arguments) const;
 
+    void releaseRegistryFeed();
+
     bool _ejectSecondaryDisk = false;
+    bool _usesRegistryFeed = false;
     std::optional<std::string> _diskUtilityPath;
     std::optional<std::string> _cardPrepToolPath;
 };

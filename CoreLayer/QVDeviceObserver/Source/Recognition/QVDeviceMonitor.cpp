@@ -191,7 +191,9 @@ void QVDeviceMonitor::teardown() {
             _delegate->noteDeviceBecameMissing(device);
         }
     }
-    QVDeviceNotificationCenter::defaultDeviceNotificationCenter()->removeAllNotifications();
+    // Only this monitor's subscriptions: other monitors and an enabler may share the center.
+    QVDeviceNotificationCenter::defaultDeviceNotificationCenter()->removeAllNotificationsOfObserver(
+        this);
     _identifiedDevices.reset();
     _registeredDevices.clear();
     _started = false;
@@ -353,13 +355,17 @@ bool QVDeviceMonitor::didIdentifyIODevice(const std::shared_ptr<QVIODevice>& ioD
             if (_delegate) {
                 _delegate->noteDeviceBecameAvailable(device);
             }
-            return true;
+            // A delegate that stopped (and maybe started again) has handed the device to the new
+            // run: this one must not take it out of the list.
+            return !wasStoppedSince(epoch);
         }
         case kMatchRejected:
             if (_delegate) {
                 _delegate->noteCouldNotIdentifyDevice(device);
             }
-            removeDevice(ioDevice);
+            if (!wasStoppedSince(epoch)) {
+                removeDevice(ioDevice);
+            }
             return false;
         default:
             return false;
@@ -451,10 +457,13 @@ void QVDeviceMonitor::renameDeviceIfNeccessary(const std::shared_ptr<QVUSBDevice
 
 void QVDeviceMonitor::deviceRecognizedButNoRuleExistForIt(
     const std::shared_ptr<QVUSBDevice>& device, const std::shared_ptr<QVIODevice>& ioDevice) {
+    const std::uint64_t epoch = examinationEpoch();
     if (_delegate) {
         _delegate->noteCouldNotIdentifyDevice(device);
     }
-    removeDevice(ioDevice);
+    if (!wasStoppedSince(epoch)) {
+        removeDevice(ioDevice);
+    }
 }
 
 void QVDeviceMonitor::timeoutHandlingDevice(const std::shared_ptr<QVIODevice>& ioDevice) {
@@ -464,8 +473,11 @@ void QVDeviceMonitor::timeoutHandlingDevice(const std::shared_ptr<QVIODevice>& i
 
 void QVDeviceMonitor::deviceCouldNotBeRecognized(const std::shared_ptr<QVIODevice>& ioDevice) {
     qv::logRecognition("Dumping Device for analysis...");
+    const std::uint64_t epoch = examinationEpoch();
     notifyApplicationOfUnidentifiableDevice(ioDevice);
-    ioDevice->dumpUnderlyingIOKitEntryToConsole();
+    if (!wasStoppedSince(epoch)) {
+        ioDevice->dumpUnderlyingIOKitEntryToConsole();
+    }
 }
 
 void QVDeviceMonitor::notifyApplicationOfUnidentifiableDevice(

@@ -131,7 +131,7 @@ bool QVDeviceMonitorGenericDevRecogn::didIdentifyGenericIODevice(
             if (_delegate) {
                 _delegate->noteDeviceBecameAvailable(device);
             }
-            return true;
+            return !wasStoppedSince(epoch);
         }
         default:
             return false;

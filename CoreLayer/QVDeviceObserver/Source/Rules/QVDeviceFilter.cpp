@@ -245,12 +245,14 @@ bool QVDeviceFilter::isExcludedDevice(const QVDeviceFilterSubject& device,
     } else if (device.productName.has_value()) {
         qv::Regex::Result result = regex->matchesWhole(*device.productName);
         if (result == qv::Regex::Result::Error) {
+            // An exclusion that cannot be decided excludes: a name made to outlast the time
+            // limit must not let through a device the rule is there to keep out.
             qv::logSystem(
                 "isExcludedDevice: the pattern %@ could not be matched against %@ (time limit or "
-                "invalid text); it excludes nothing",
+                "invalid text); the device is excluded",
                 pattern, *device.productName);
         }
-        matches = result == qv::Regex::Result::Match;
+        matches = result != qv::Regex::Result::NoMatch;
     }
     qv::logSystem(" isExcludedDevice: %@ dueToPattern: %@ matches %d", device.record, pattern,
                   matches ? 1 : 0);
