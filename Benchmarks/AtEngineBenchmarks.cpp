@@ -42,6 +42,67 @@ void BM_AtResponseReaderAnswer(benchmark::State& state) {
 }
 BENCHMARK(BM_AtResponseReaderAnswer);
 
+// The reader's CPU per answer line: a 64-line phonebook answer among reports, items = lines.
+void BM_AtResponseReaderPerLine(benchmark::State& state) {
+    std::string bytes = "AT+CPBR=1,64\r\r\n";
+    for (int i = 0; i < 64; ++i) {
+        bytes += "+CPBR: " + std::to_string(i) + ",\"+49301234567\",145,\"Name " +
+                 std::to_string(i) + "\"\r\n";
+        if (i % 8 == 0) {
+            bytes += "\r\n^RSSI:17\r\n";
+        }
+    }
+    bytes += "\r\nOK\r\n";
+    qv::AtResponseReader reader;
+    for (auto _ : state) {
+        reader.begin("AT+CPBR=1,64");
+        benchmark::DoNotOptimize(reader.feed(bytes.data(), bytes.size()));
+    }
+    state.SetItemsProcessed(state.iterations() * (64 + 8 + 2));
+}
+BENCHMARK(BM_AtResponseReaderPerLine);
+
+// Command 3 over a pty against each shipped profile of a model with a Quorvel ID, with the
+// profile's own latency, line ends, reports and byte-by-byte writes.
+const char* const kIdentifiedProfiles[] = {
+    "huawei-e1750.json",  "zte-mf626.json",     "zte-mf627.json",
+    "sierra-mc8780.json", "novatel-xu870.json", "sony-ericsson-md300.json",
+};
+
+void BM_IdentifyProfileOverPty(benchmark::State& state) {
+    std::string name = kIdentifiedProfiles[state.range(0)];
+    state.SetLabel(name);
+    std::string error;
+    auto profile =
+        qvsim::ModemProfile::fromFile(std::string(QV_MODEM_PROFILES_DIR) + "/" + name, &error);
+    auto modem = profile ? qvsim::ModemSimulator::start(*profile, &error) : nullptr;
+    if (!modem) {
+        state.SkipWithError(error.c_str());
+        return;
+    }
+    auto table = qv::ModemModelTable::fromFile(
+        std::string(QV_MODEM_PROFILES_DIR) +
+            "/../../../CoreLayer/QVDeviceObserver/Resources/ModemModels.json",
+        &error);
+    if (!table) {
+        state.SkipWithError(error.c_str());
+        return;
+    }
+    qv::SerialGsmBackend backend(lockFree(), *table);
+    for (auto _ : state) {
+        qv::SerialGsmResult result =
+            backend.performAndWait(qv::SerialGsmRequest::Identify, modem->portPath());
+        if (result.code != 0) {
+            state.SkipWithError(result.reason.c_str());
+            return;
+        }
+    }
+}
+BENCHMARK(BM_IdentifyProfileOverPty)
+    ->DenseRange(0, 5)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
 // Command 9 on one port: open, lock-free, "AT" and "AT+CGMM" with echo and noise, close.
 void BM_AtRoundTripOverPty(benchmark::State& state) {
     std::string error;

@@ -1,14 +1,16 @@
 // The AT response reader on any bytes, fed in the pieces a serial line might deliver. The first
 // byte picks the command whose answer is read and the size of the pieces; the rest is what the
 // modem sends. The reader never keeps more than its bounds, only keeps printable lines, and once
-// complete it has a final result whose line reads as that result. The field splitter gets every
-// line too.
+// complete it has a final result whose line reads as that result. Bytes behind a final result
+// are read on as the past of a second command. The field splitter and the value checks get
+// every line too, and a value they accept has its kind's form.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "QVGsmKit/AtAnswerFields.h"
+#include "QVGsmKit/AtAnswerValues.h"
 #include "QVGsmKit/AtResponseReader.h"
 
 namespace {
@@ -18,28 +20,49 @@ namespace {
     std::abort();
 }
 
-const char* const kCommands[] = {"AT",       "AT+CGMI",  "AT+CGMM", "AT+COPS?",     "AT+CSQ",
-                                 "AT+CREG?", "AT^ICCID", "ATE1;V1", "AT+CGMI;+CGMM"};
+const char* const kCommands[] = {"AT",
+                                 "AT+CGMI",
+                                 "AT+CGMM",
+                                 "AT+COPS?",
+                                 "AT+CSQ",
+                                 "AT+CREG?",
+                                 "AT^ICCID?",
+                                 "ATE1;V1",
+                                 "AT+CGMI;+CGMM",
+                                 "AT+CGSN",
+                                 "AT+CRSM=176,12258,0,0,10",
+                                 "AT+CGREG?"};
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size == 0) {
-        return 0;
+bool allDigits(const std::string& text) {
+    for (char c : text) {
+        if (c < '0' || c > '9') {
+            return false;
+        }
     }
-    const std::string command = kCommands[data[0] % (sizeof kCommands / sizeof *kCommands)];
-    const std::size_t piece = 1 + data[0] / 16;
-    const char* bytes = reinterpret_cast<const char*>(data + 1);
-    std::size_t remaining = size - 1;
+    return true;
+}
 
-    qv::AtResponseReader reader;
-    reader.begin(command);
-    while (remaining > 0 && !reader.complete()) {
-        std::size_t now = remaining < piece ? remaining : piece;
-        reader.feed(bytes, now);
-        bytes += now;
-        remaining -= now;
+void checkValues(const std::string& text) {
+    std::string why;
+    if (auto imei = qv::checkedImei(text, &why)) {
+        if (imei->size() < 14 || imei->size() > 16 || !allDigits(*imei)) {
+            fail("IMEI accepted in a wrong form", *imei);
+        }
     }
+    for (auto iccid : {qv::checkedIccid(text, &why), qv::iccidFromCrsmLine(text, &why)}) {
+        if (iccid && (iccid->size() < 19 || iccid->size() > 20 || iccid->rfind("89", 0) != 0)) {
+            fail("ICCID accepted in a wrong form", *iccid);
+        }
+    }
+    for (qv::AtCharset charset :
+         {qv::AtCharset::Unknown, qv::AtCharset::Ascii, qv::AtCharset::Ucs2}) {
+        if (auto name = qv::operatorName(text, charset, &why); name && name->empty()) {
+            fail("empty operator name accepted", text);
+        }
+    }
+}
+
+void checkResponse(const qv::AtResponseReader& reader) {
     const qv::AtResponse& response = reader.response();
     if (response.lines.size() > qv::AtResponseReader::kMaxLines) {
         fail("too many lines", std::to_string(response.lines.size()));
@@ -61,6 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 fail("field longer than its line", field);
             }
         }
+        checkValues(line);
     }
     if (reader.complete() &&
         qv::AtResponseReader::finalResultOf(response.finalLine) != response.final) {
@@ -69,5 +93,34 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (response.firstValue().size() > qv::AtResponseReader::kMaxLineLength) {
         fail("first value longer than a line", response.firstValue());
     }
+    checkValues(response.firstValue());
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size == 0) {
+        return 0;
+    }
+    const std::string command = kCommands[data[0] % (sizeof kCommands / sizeof *kCommands)];
+    const std::size_t piece = 1 + data[0] / 16;
+    const char* bytes = reinterpret_cast<const char*>(data + 1);
+    std::size_t remaining = size - 1;
+
+    qv::AtResponseReader reader;
+    reader.begin(command);
+    bool second = false;
+    while (remaining > 0) {
+        std::size_t now = remaining < piece ? remaining : piece;
+        reader.feed(bytes, now);
+        bytes += now;
+        remaining -= now;
+        if (reader.complete() && !second) {
+            checkResponse(reader);
+            reader.begin("AT+CGSN");
+            second = true;
+        }
+    }
+    checkResponse(reader);
     return 0;
 }

@@ -14,6 +14,9 @@ namespace qv {
 struct AtCommand {
     std::string text;      // without the line end; the engine sends "\r" after it
     double timeout = 5.0;  // seconds for the final result to arrive
+    // Sends nothing and waits up to `timeout` seconds for a final result (one owed for an earlier
+    // command); the conversation gets it, or an AtFinal::Timeout answer.
+    bool listenOnly = false;
 };
 
 class AtConversation {

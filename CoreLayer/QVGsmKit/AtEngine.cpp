@@ -222,11 +222,14 @@ class EngineLoop {
         }
         channel.command = command->text;
         channel.commandTimeout = command->timeout;
+        channel.commandDeadline = after(Clock::now(), command->timeout);
         channel.reader.begin(command->text);
+        if (command->listenOnly) {
+            return;
+        }
         channel.output += command->text;
         channel.output += '\r';
         AtTranscript::commandSent(channel.conversation->portPath(), command->text);
-        channel.commandDeadline = after(Clock::now(), command->timeout);
         flush(channel);
     }
 
@@ -267,7 +270,10 @@ class EngineLoop {
                     AtTranscript::bytesReceived(
                         channel.conversation->portPath(),
                         std::string_view(buffer, static_cast<std::size_t>(size)));
-                    if (channel.reader.feed(buffer, static_cast<std::size_t>(size))) {
+                    // The reader takes the whole read: bytes behind a final result are read on
+                    // as reports, never as the next command's answer.
+                    bool wasWaiting = !channel.reader.complete();
+                    if (channel.reader.feed(buffer, static_cast<std::size_t>(size)) && wasWaiting) {
                         AtResponse response = channel.reader.response();
                         advance(channel, &response);
                     }
@@ -300,6 +306,7 @@ class EngineLoop {
             } else if (now >= channel->commandDeadline) {
                 AtResponse response = channel->reader.response();
                 response.final = AtFinal::Timeout;
+                channel->reader.standBy();
                 advance(*channel, &response);
             }
         }

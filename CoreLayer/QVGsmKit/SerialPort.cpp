@@ -5,12 +5,15 @@
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <optional>
+#include <sstream>
 #include <utility>
 
 #include "Foundation/Logging.h"
@@ -25,11 +28,30 @@ bool exists(const std::string& path) {
     return ::stat(path.c_str(), &info) == 0;
 }
 
-bool makeRaw(int fd) {
+std::string activeConsoles() {
+    std::ifstream file("/sys/class/tty/console/active");
+    std::string text;
+    std::getline(file, text);
+    return text.substr(0, 4096);
+}
+
+bool isOwnTerminal(dev_t device) {
+    for (int fd : {0, 1, 2}) {
+        struct stat info {};
+        if (::isatty(fd) && ::fstat(fd, &info) == 0 && S_ISCHR(info.st_mode) &&
+            info.st_rdev == device) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool makeRaw(int fd, termios* saved) {
     termios settings{};
     if (::tcgetattr(fd, &settings) != 0) {
         return false;
     }
+    *saved = settings;
     ::cfmakeraw(&settings);
     settings.c_cflag &= ~static_cast<tcflag_t>(CSTOPB | PARENB | CSIZE | CRTSCTS);
     settings.c_cflag |= CS8 | CLOCAL | CREAD;
@@ -73,6 +95,26 @@ std::string SerialPort::devicePath(const std::string& portPath) {
     return portPath;
 }
 
+bool SerialPort::isConsole(dev_t device, const std::string& name,
+                           const std::string& activeConsoles) {
+    unsigned int major = ::major(device);
+    unsigned int minor = ::minor(device);
+    if (major == 5 && minor <= 2) {
+        return true;  // /dev/tty, /dev/console, /dev/ptmx
+    }
+    if (major == 4 && minor < 64) {
+        return true;  // the virtual consoles tty0..tty63
+    }
+    std::istringstream words(activeConsoles);
+    std::string word;
+    while (words >> word) {
+        if (word == name) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::unique_ptr<SerialPort> SerialPort::open(const std::string& portPath,
                                              const std::vector<std::string>& lockDirectories,
                                              Failure* failure, std::string* reason) {
@@ -92,6 +134,11 @@ std::unique_ptr<SerialPort> SerialPort::open(const std::string& portPath,
     }
     if (!S_ISCHR(info.st_mode)) {
         return fail(Failure::NotASerialPort, "not a character device");
+    }
+    std::string name = path.starts_with("/dev/") ? path.substr(5) : path;
+    if (isConsole(info.st_rdev, name, activeConsoles()) || isOwnTerminal(info.st_rdev)) {
+        return fail(Failure::Console,
+                    "a console or our own terminal, not a modem port: not opened");
     }
     auto lock = std::make_unique<UucpPortLock>();
     std::string lockReason;
@@ -121,7 +168,8 @@ std::unique_ptr<SerialPort> SerialPort::open(const std::string& portPath,
         return fail(Failure::Busy, "busy: held exclusively by another program");
     }
     ::ioctl(fd, TIOCEXCL);
-    if (!makeRaw(fd)) {
+    termios saved{};
+    if (!makeRaw(fd, &saved)) {
         int error = errno;
         ::ioctl(fd, TIOCNXCL);
         ::close(fd);
@@ -129,13 +177,16 @@ std::unique_ptr<SerialPort> SerialPort::open(const std::string& portPath,
                     std::string("cannot set raw mode: ") + std::strerror(error));
     }
     *failure = Failure::None;
-    return std::unique_ptr<SerialPort>(new SerialPort(fd, std::move(path), std::move(lock)));
+    return std::unique_ptr<SerialPort>(new SerialPort(fd, std::move(path), std::move(lock), saved));
 }
 
-SerialPort::SerialPort(int fd, std::string path, std::unique_ptr<UucpPortLock> lock)
-    : fd_(fd), path_(std::move(path)), lock_(std::move(lock)) {}
+SerialPort::SerialPort(int fd, std::string path, std::unique_ptr<UucpPortLock> lock, termios saved)
+    : fd_(fd), saved_(saved), path_(std::move(path)), lock_(std::move(lock)) {}
 
 SerialPort::~SerialPort() {
+    // The port's settings as we found them, for whoever uses it next (a hung-up port refuses:
+    // nothing to put back then).
+    ::tcsetattr(fd_, TCSANOW, &saved_);
     ::ioctl(fd_, TIOCNXCL);
     ::close(fd_);  // also ends the flock
     lock_->release();

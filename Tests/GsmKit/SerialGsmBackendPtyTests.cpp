@@ -96,7 +96,7 @@ TEST_F(SerialGsmPty, EveryRequestOfAnE1750) {
     EXPECT_EQ(info.data["Revision"], qv::Value("11.126.16.04.284"));
     EXPECT_EQ(info.data["IMEI"], qv::Value("353142030000001"));
     EXPECT_EQ(info.data["IMSI"], qv::Value("262021234567890"));
-    EXPECT_EQ(info.data["ICCID"], qv::Value("89490200001234567890"));  // via AT^ICCID
+    EXPECT_EQ(info.data["ICCID"], qv::Value("89490200001234567890"));  // AT^ICCID?, swapped
 
     // The asynchronous requests answer through the handler, with the framework's codes.
     auto ask = [&](auto start) {
@@ -191,12 +191,14 @@ TEST_F(SerialGsmPty, SimPinRequiredLeavesTheSimKeysOut) {
     ASSERT_EQ(info.code, 0) << info.reason;
     EXPECT_EQ(info.data["IMEI"], qv::Value("353142030000001"));
     EXPECT_TRUE(info.data["IMSI"].isNil());
-    EXPECT_TRUE(info.data["ICCID"].isNil());
+    // Huawei's ^ICCID? answers without the PIN; +CRSM would not.
+    EXPECT_EQ(info.data["ICCID"], qv::Value("89490200001234567890"));
     qv::SerialGsmResult network =
         backend.performAndWait(SerialGsmRequest::NetworkInfo, locked->portPath());
-    ASSERT_EQ(network.code, 0);
+    // No operator and +CSQ 99 (not known): nothing to report is a failure, not a signal of 99.
+    EXPECT_EQ(network.code, kGsmErrorNetworkInfo);
     EXPECT_TRUE(network.data["Operator"].isNil());
-    EXPECT_EQ(network.data["SignalQuality"], qv::Value(99));
+    EXPECT_TRUE(network.data["SignalQuality"].isNil());
     EXPECT_EQ(network.data["RegistrationState"], qv::Value(0));
 }
 
@@ -219,7 +221,8 @@ TEST_F(SerialGsmPty, SilentPortIsGivenUpInBoundWhileAnotherIsServed) {
     EXPECT_EQ(gaveUp.code, kGsmErrorNoResponse);
     EXPECT_GE(silentCost, 1.4);
     EXPECT_LT(silentCost, 2.5);
-    EXPECT_EQ(silent->commands(), std::vector<std::string>{"AT"});
+    // The probe is sent three times within its bound, for the first one may be lost.
+    EXPECT_EQ(silent->commands(), (std::vector<std::string>{"AT", "AT", "AT"}));
 }
 
 TEST_F(SerialGsmPty, HangUpMidAnswerEndsTheRequest) {

@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cmath>
+#include <map>
 
 #include "Foundation/BoundedFileReader.h"
 #include "Foundation/JsonNesting.h"
@@ -59,47 +60,90 @@ std::optional<ModemProfile> ModemProfile::fromJsonText(const std::string& text,
             if (key == "name") {
                 profile.name = value.get<std::string>();
             }
-        } else if (key == "echo" || key == "silent" || key == "garbage" || key == "simPin") {
+        } else if (key == "echo" || key == "silent" || key == "garbage" || key == "simPin" ||
+                   key == "noSim" || key == "powerUpNoise" || key == "loseFirstCommand" ||
+                   key == "firstCommandError" || key == "bytePerWrite") {
             if (!value.is_boolean()) {
                 return fail("\"" + key + "\" must be true or false");
             }
             bool flag = value.get<bool>();
-            (key == "echo"      ? profile.echo
-             : key == "silent"  ? profile.silent
-             : key == "garbage" ? profile.garbage
-                                : profile.simPin) = flag;
-        } else if (key == "lineEnd") {
-            std::string end = value.is_string() ? value.get<std::string>() : "";
-            if (end == "crlf") {
-                profile.lineEnd = "\r\n";
-            } else if (end == "cr") {
-                profile.lineEnd = "\r";
-            } else if (end == "lf") {
-                profile.lineEnd = "\n";
+            if (key == "echo") {
+                profile.echo = flag;
+            } else if (key == "silent") {
+                profile.silent = flag;
+            } else if (key == "garbage") {
+                profile.garbage = flag;
+            } else if (key == "simPin" || key == "noSim") {
+                if (flag) {
+                    if (profile.sim != SimState::Ready) {
+                        return fail("\"simPin\" and \"noSim\" exclude each other");
+                    }
+                    profile.sim = key == "simPin" ? SimState::Pin : SimState::Absent;
+                }
+            } else if (key == "powerUpNoise") {
+                profile.powerUpNoise = flag;
+            } else if (key == "loseFirstCommand") {
+                profile.loseFirstCommand = flag;
+            } else if (key == "firstCommandError") {
+                profile.firstCommandError = flag;
             } else {
-                return fail("\"lineEnd\" must be \"crlf\", \"cr\" or \"lf\"");
+                profile.bytePerWrite = flag;
             }
-        } else if (key == "latency") {
+        } else if (key == "lineEnd") {
+            static const std::map<std::string, std::string> kEnds{{"crlf", "\r\n"},
+                                                                  {"cr", "\r"},
+                                                                  {"lf", "\n"},
+                                                                  {"crcrlf", "\r\r\n"},
+                                                                  {"lfcr", "\n\r"}};
+            std::string end = value.is_string() ? value.get<std::string>() : "";
+            auto it = kEnds.find(end);
+            if (it == kEnds.end()) {
+                return fail("\"lineEnd\" must be \"crlf\", \"cr\", \"lf\", \"crcrlf\" or \"lfcr\"");
+            }
+            profile.lineEnd = it->second;
+        } else if (key == "latency" || key == "powerUpSilence" || key == "reportEvery") {
             if (!value.is_number() || !std::isfinite(value.get<double>()) ||
                 value.get<double>() < 0.0 || value.get<double>() > 60.0) {
-                return fail("\"latency\" must be seconds from 0 to 60");
+                return fail("\"" + key + "\" must be seconds from 0 to 60");
             }
-            profile.latency = value.get<double>();
+            double seconds = value.get<double>();
+            if (key == "reportEvery" && seconds > 0.0 && seconds < 0.01) {
+                return fail("\"reportEvery\" must be at least 0.01 seconds");
+            }
+            (key == "latency"          ? profile.latency
+             : key == "powerUpSilence" ? profile.powerUpSilence
+                                       : profile.reportEvery) = seconds;
         } else if (key == "hangUpAfter") {
             if (!value.is_number_integer() || value.get<long long>() < 0 ||
                 value.get<long long>() > 1000000) {
                 return fail("\"hangUpAfter\" must be a number of commands from 0 to 1000000");
             }
             profile.hangUpAfter = static_cast<int>(value.get<long long>());
-        } else if (key == "noise") {
-            if (!value.is_array()) {
-                return fail("\"noise\" must be a list of lines");
+        } else if (key == "cmee") {
+            if (!value.is_number_integer() || value.get<long long>() < 0 ||
+                value.get<long long>() > 2) {
+                return fail("\"cmee\" must be 0, 1 or 2");
             }
+            profile.cmee = static_cast<int>(value.get<long long>());
+        } else if (key == "charset") {
+            std::string set = value.is_string() ? upper(value.get<std::string>()) : "";
+            if (set != "IRA" && set != "GSM" && set != "UCS2") {
+                return fail("\"charset\" must be \"IRA\", \"GSM\" or \"UCS2\"");
+            }
+            profile.charset = set;
+        } else if (key == "noise" || key == "reports" || key == "reportsBehindOk") {
+            if (!value.is_array()) {
+                return fail("\"" + key + "\" must be a list of lines");
+            }
+            std::vector<std::string>& lines = key == "noise"     ? profile.noise
+                                              : key == "reports" ? profile.reports
+                                                                 : profile.reportsBehindOk;
             for (const qv::Json& line : value) {
-                if (!line.is_string() || !printable(line.get<std::string>())) {
-                    return fail("\"noise\" must hold printable lines");
+                if (!line.is_string() || !printable(line.get<std::string>()) ||
+                    line.get<std::string>().empty()) {
+                    return fail("\"" + key + "\" must hold printable lines");
                 }
-                profile.noise.push_back(line.get<std::string>());
+                lines.push_back(line.get<std::string>());
             }
         } else if (key == "replies") {
             if (!value.is_object()) {
@@ -140,6 +184,10 @@ std::optional<ModemProfile> ModemProfile::fromJsonText(const std::string& text,
         } else {
             return fail("unknown field \"" + key + "\"");
         }
+    }
+    if (profile.reportEvery > 0.0 && profile.reports.empty()) {
+        *error = "\"reportEvery\" needs \"reports\"";
+        return std::nullopt;
     }
     return profile;
 }

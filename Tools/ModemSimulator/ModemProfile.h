@@ -9,6 +9,8 @@
 
 namespace qvsim {
 
+enum class SimState { Ready, Pin, Absent };
+
 struct ModemProfile {
     std::string name;
     bool echo = true;  // echo at start (ATE0/ATE1 change it; AT&F and ATZ turn it on)
@@ -18,7 +20,17 @@ struct ModemProfile {
     bool silent = false;             // never answers anything
     bool garbage = false;            // line noise before each answer
     int hangUpAfter = 0;             // hangs up halfway through the answer after this many commands
-    bool simPin = false;  // the SIM waits for its PIN: SIM commands answer +CME ERROR: 11
+    SimState sim = SimState::Ready;  // "simPin": SIM commands answer +CME ERROR 11; "noSim": 10
+    int cmee = 1;                    // +CME ERROR form at start: 0 "ERROR", 1 number, 2 text
+    std::string charset = "IRA";     // +CSCS at start; "UCS2" writes +COPS names in hex
+    double powerUpSilence = 0.0;     // seconds after start during which commands go unheard
+    bool powerUpNoise = false;       // NUL and 0xFF bytes before the first answer
+    bool loseFirstCommand = false;   // the first command is swallowed
+    bool firstCommandError = false;  // the first command answers ERROR (a buffer left dirty)
+    bool bytePerWrite = false;       // every byte of every answer in a write of its own
+    double reportEvery = 0.0;        // seconds between periodic reports (0: none)
+    std::vector<std::string> reports;          // the periodic reports, in turn
+    std::vector<std::string> reportsBehindOk;  // written right behind each final result
     // Upper-case command -> the lines of the answer, the last one its final result.
     std::map<std::string, std::vector<std::string>> replies;
 

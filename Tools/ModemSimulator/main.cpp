@@ -1,8 +1,11 @@
 // qv-modem-simulator PROFILE [--link PATH]: a modem on a pseudo-terminal for people without one.
 // Prints the port's path as its first line, then answers AT commands as the profile says until
 // SIGINT or SIGTERM (or until the profile hangs up). --link also makes PATH a symbolic link to the
-// port. Exit 0 when done, 1 when no pty could be made, 2 on a usage mistake or a bad profile.
+// port; PATH must not exist (whatever is there is never replaced), and at the end the link is
+// removed only while it is still the very link made here. Exit 0 when done, 1 when no pty or no
+// link could be made, 2 on a usage mistake, a bad profile or a PATH that exists.
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -14,6 +17,21 @@
 #include "ModemSimulator.h"
 
 namespace {
+
+// Removes the link at `path` only when it is still the one made (same inode, same target).
+void removeOwnLink(const std::string& path, const struct stat& made, const std::string& target) {
+    struct stat now {};
+    if (::lstat(path.c_str(), &now) != 0 || !S_ISLNK(now.st_mode) || now.st_ino != made.st_ino ||
+        now.st_dev != made.st_dev) {
+        return;
+    }
+    char buffer[4096];
+    ssize_t size = ::readlink(path.c_str(), buffer, sizeof buffer);
+    if (size < 0 || std::string(buffer, static_cast<std::size_t>(size)) != target) {
+        return;
+    }
+    ::unlink(path.c_str());
+}
 
 int usage(const char* why) {
     std::cerr << "qv-modem-simulator: " << why << "\n"
@@ -61,14 +79,23 @@ int main(int argc, char** argv) {
         std::cerr << "qv-modem-simulator: " << error << "\n";
         return 1;
     }
-    std::cout << modem->portPath() << std::endl;
+    struct stat made {};
     if (!link.empty()) {
-        ::unlink(link.c_str());
+        // symlink() never replaces: an existing PATH (file, device, link) fails with EEXIST.
         if (::symlink(modem->portPath().c_str(), link.c_str()) != 0) {
-            std::cerr << "qv-modem-simulator: " << link << ": " << std::strerror(errno) << "\n";
-            return 1;
+            int error = errno;
+            std::cerr << "qv-modem-simulator: " << link << ": " << std::strerror(error)
+                      << (error == EEXIST ? " (not replaced; choose a path that does not exist)"
+                                          : "")
+                      << "\n";
+            return error == EEXIST ? 2 : 1;
+        }
+        if (::lstat(link.c_str(), &made) != 0) {
+            link.clear();
         }
     }
+    // The first line says the modem is ready, its link included.
+    std::cout << modem->portPath() << std::endl;
     timespec tick{0, 200 * 1000 * 1000};
     while (!modem->hungUp()) {
         int signal = sigtimedwait(&signals, nullptr, &tick);
@@ -77,7 +104,7 @@ int main(int argc, char** argv) {
         }
     }
     if (!link.empty()) {
-        ::unlink(link.c_str());
+        removeOwnLink(link, made, modem->portPath());
     }
     return 0;
 }
