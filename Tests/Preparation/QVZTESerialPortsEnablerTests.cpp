@@ -1,6 +1,12 @@
 #include "Preparation/QVZTESerialPortsEnabler.h"
 
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdio>
+#include <thread>
 
 #include "Events/DeviceEventsFixture.h"
 #include "Foundation/MountedFileSystems.h"
@@ -14,6 +20,7 @@ using Lines = std::vector<std::string>;
 
 constexpr const char* kDiskUtility = "/opt/qv/diskutil";
 constexpr const char* kCardPrepTool = "/opt/qv/CardPrepTool";
+constexpr uid_t kNobody = 65534;
 
 class EnablerTest : public DeviceEventsTest {
   protected:
@@ -259,6 +266,59 @@ TEST_F(EnablerTest, AStickWhoseCalloutPathIsItsOnlyPortIsStillReEnumerated) {
     loop_->runUntil(1.0);
     std::vector<std::string> operations = usb_->operations();
     EXPECT_EQ(std::count(operations.begin(), operations.end(), "USBDeviceReEnumerate(0)"), 1);
+}
+
+TEST_F(EnablerTest, AUserWhoMayNotWriteTheUSBNodeIsToldSoAndRootResetsTheStick) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to make a root-owned node and to act as nobody";
+    }
+    // A node with /dev/bus/usb's modes (root:root 0664): everyone may read, only root may write.
+    char directoryTemplate[] = "/tmp/qv-usb-XXXXXX";
+    ASSERT_NE(mkdtemp(directoryTemplate), nullptr);
+    const std::string directory = directoryTemplate;
+    const std::string node = directory + "/002";
+    ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
+    std::FILE* file = std::fopen(node.c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    std::fclose(file);
+    ASSERT_EQ(chown(node.c_str(), 0, 0), 0);
+    ASSERT_EQ(chmod(node.c_str(), 0664), 0);
+    io_registry_entry_t device = addUsb(0x0AF0, 0x7501, 1);
+    usb_->setDeviceNode(device, node);
+
+    bool becameNobody = false;
+    std::thread user([&] {
+        becameNobody = syscall(SYS_setgroups, 0, nullptr) == 0 &&
+                       syscall(SYS_setresgid, kNobody, kNobody, kNobody) == 0 &&
+                       syscall(SYS_setresuid, kNobody, kNobody, kNobody) == 0;
+        if (becameNobody) {
+            enabler_->doReEnumerate_vid(0x0AF0, 0x7501);
+        }
+    });
+    user.join();
+    ASSERT_TRUE(becameNobody);
+    EXPECT_TRUE(
+        logged("No permission to reset USB device 0af0:7501: this user cannot write its "
+               "node under /dev/bus/usb."));
+    std::vector<std::string> operations = usb_->operations();
+    EXPECT_EQ(std::count(operations.begin(), operations.end(), "USBDeviceReEnumerate(0)"), 0);
+
+    // Root opens the same node and resets the stick; a node that is gone is no device.
+    lines_->clear();
+    enabler_->doReEnumerate_vid(0x0AF0, 0x7501);
+    operations = usb_->operations();
+    EXPECT_EQ(std::count(operations.begin(), operations.end(), "USBDeviceReEnumerate(0)"), 1);
+    EXPECT_FALSE(logged("No permission"));
+    std::remove(node.c_str());
+    rmdir(directory.c_str());
+    enabler_->doReEnumerate_vid(0x0AF0, 0x7501);
+    EXPECT_EQ(usb_->calls().back().operation, "Release");
+    EXPECT_EQ(std::count_if(usb_->calls().begin(), usb_->calls().end(),
+                            [](const qv::RecordingUSBDeviceAccess::Call& call) {
+                                return call.operation == "USBDeviceOpen" &&
+                                       call.status == kIOReturnNoDevice;
+                            }),
+              1);
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 #include "RecordingUSBDeviceAccess.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <utility>
 
 namespace qv {
@@ -8,6 +11,7 @@ struct RecordingUSBDeviceAccess::Log {
     std::vector<Call> calls;
     std::map<io_service_t, IOReturn> createStatus;
     std::map<io_service_t, IOReturn> openStatus;
+    std::map<io_service_t, std::string> deviceNodes;
     std::function<void(const Call&)> observer;
 
     IOReturn record(Call call) {
@@ -20,6 +24,24 @@ struct RecordingUSBDeviceAccess::Log {
 };
 
 namespace {
+
+// What libusb's open of a usbfs node answers (it opens the node read-write), checked against the
+// real uid of the calling thread as the kernel would check the open.
+IOReturn openStatusOfNode(const std::string& path) {
+    if (::access(path.c_str(), R_OK | W_OK) == 0) {
+        return kIOReturnSuccess;
+    }
+    switch (errno) {
+        case EACCES:
+        case EPERM:
+        case EROFS:
+            return kIOReturnNotPrivileged;  // LIBUSB_ERROR_ACCESS
+        case ENOENT:
+            return kIOReturnNoDevice;  // LIBUSB_ERROR_NO_DEVICE
+        default:
+            return kIOReturnError;
+    }
+}
 
 class RecordingDeviceInterface : public IOUSBDeviceInterface {
   public:
@@ -34,6 +56,9 @@ class RecordingDeviceInterface : public IOUSBDeviceInterface {
             auto it = log->openStatus.find(identity_.service);
             if (it != log->openStatus.end()) {
                 status = it->second;
+            } else if (auto node = log->deviceNodes.find(identity_.service);
+                       node != log->deviceNodes.end()) {
+                status = openStatusOfNode(node->second);
             }
         }
         if (status == kIOReturnSuccess) {
@@ -98,6 +123,10 @@ void RecordingUSBDeviceAccess::setCreateStatus(io_service_t service, IOReturn st
 
 void RecordingUSBDeviceAccess::setOpenStatus(io_service_t service, IOReturn status) {
     log_->openStatus[service] = status;
+}
+
+void RecordingUSBDeviceAccess::setDeviceNode(io_service_t service, std::string path) {
+    log_->deviceNodes[service] = std::move(path);
 }
 
 void RecordingUSBDeviceAccess::setObserver(std::function<void(const Call&)> observer) {

@@ -38,6 +38,10 @@ class RecordingUSBDeviceAccess : public USBDeviceAccess {
     // What "create" (no interface unless success) and USBDeviceOpen answer for a service.
     void setCreateStatus(io_service_t service, IOReturn status);
     void setOpenStatus(io_service_t service, IOReturn status);
+    // Backs a service with a device node: USBDeviceOpen then answers as libusb's open of a usbfs
+    // node does, from the calling thread's credentials (not privileged when it may not read and
+    // write the node, no device when the node is gone). A status set above still wins.
+    void setDeviceNode(io_service_t service, std::string path);
     // Called after each call is recorded (the simulator prints it).
     void setObserver(std::function<void(const Call&)> observer);
 
