@@ -10,6 +10,7 @@
 #include <umockdev.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -140,6 +141,48 @@ class RecordCommandUmockdev : public UmockdevTest {
         return lines;
     }
 
+    // `qvdevice run` on a machine made of the umockdev description alone, as a user replays a
+    // report with umockdev-run; its lines as JSON, or nothing when umockdev-run is missing.
+    static std::vector<qv::Json> replayUnderUmockdev(const std::string& description,
+                                                     std::string* error) {
+        gchar* umockdevRun = g_find_program_in_path("umockdev-run");
+        if (umockdevRun == nullptr) {
+            *error = "umockdev-run is not installed";
+            return {};
+        }
+        // A machine of its own: not this test's testbed, whose preload and root the child would
+        // otherwise inherit.
+        gchar** environment = g_get_environ();
+        environment = g_environ_unsetenv(environment, "LD_PRELOAD");
+        environment = g_environ_unsetenv(environment, "UMOCKDEV_DIR");
+        std::vector<std::string> arguments = {umockdevRun,      "-d",    description, "--",
+                                              QV_QVDEVICE_PATH, "run",   "--for",     "3",
+                                              "--no-modem",     "--json"};
+        g_free(umockdevRun);
+        std::vector<gchar*> argv;
+        for (std::string& argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        gchar* out = nullptr;
+        gchar* err = nullptr;
+        gint status = 0;
+        GError* spawnError = nullptr;
+        bool spawned = g_spawn_sync(nullptr, argv.data(), environment, G_SPAWN_DEFAULT, nullptr,
+                                    nullptr, &out, &err, &status, &spawnError);
+        g_strfreev(environment);
+        std::vector<qv::Json> lines;
+        if (!spawned || !g_spawn_check_wait_status(status, nullptr)) {
+            *error = spawnError != nullptr ? spawnError->message : (err != nullptr ? err : "");
+        } else {
+            lines = jsonLines(out);
+        }
+        g_clear_error(&spawnError);
+        g_free(out);
+        g_free(err);
+        return lines;
+    }
+
     std::string path(const std::string& name) const { return (directory_ / name).string(); }
 
     bool ready_ = false;
@@ -194,6 +237,24 @@ TEST_F(RecordCommandUmockdev, ReplaysAStickPresentAtStartAndOnePluggedAndUnplugg
         << (error != nullptr ? error->message : "");
     g_clear_error(&error);
     g_object_unref(reloaded);
+
+    // Replayed live by umockdev: both recorded sticks are there from the start (the second was
+    // unplugged, so the replay announces it without its unplug), with the records the live run
+    // gave them.
+    std::string replayError;
+    std::vector<qv::Json> replayedLive = replayUnderUmockdev(path("story.umockdev"), &replayError);
+    if (replayError == "umockdev-run is not installed") {
+        GTEST_SKIP() << replayError;
+    }
+    ASSERT_EQ(replayError, "");
+    auto availableOnly = [](std::vector<std::string> calls) {
+        std::erase_if(calls, [](const std::string& call) {
+            return call.find("\"noteDeviceBecameAvailable:\"") == std::string::npos;
+        });
+        std::sort(calls.begin(), calls.end());
+        return calls;
+    };
+    EXPECT_EQ(availableOnly(applicationCalls(replayedLive)), availableOnly(live));
 }
 
 TEST_F(RecordCommandUmockdev, MasksEveryIdentifierTheSameWayAcrossTheFilesItWrites) {
