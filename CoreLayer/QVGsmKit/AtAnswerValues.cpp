@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "Foundation/HexDigit.h"
+
 namespace qv {
 
 namespace {
@@ -23,19 +25,6 @@ std::string_view stripped(std::string_view text) {
 bool allDigits(std::string_view text) {
     return std::all_of(text.begin(), text.end(),
                        [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; });
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
 }
 
 void appendUtf8(std::string& out, std::uint32_t code) {
@@ -64,7 +53,7 @@ std::optional<std::vector<std::uint32_t>> hexUnits(std::string_view hex) {
     for (std::size_t i = 0; i < hex.size(); i += 4) {
         std::uint32_t unit = 0;
         for (std::size_t j = 0; j < 4; ++j) {
-            int digit = hexValue(hex[i + j]);
+            int digit = hexDigitValue(hex[i + j]);
             if (digit < 0) {
                 return std::nullopt;
             }
@@ -92,8 +81,8 @@ std::optional<std::string> checkedIccid(std::string_view value, std::string* why
     std::string digits;
     for (std::size_t i = 0; i < value.size(); ++i) {
         char c = static_cast<char>(std::toupper(static_cast<unsigned char>(value[i])));
-        bool ok =
-            std::isdigit(static_cast<unsigned char>(c)) || (i >= 6 && hexValue(c) >= 0) || c == 'F';
+        bool ok = std::isdigit(static_cast<unsigned char>(c)) ||
+                  (i >= 6 && hexDigitValue(c) >= 0) || c == 'F';
         if (!ok || digits.size() >= 20) {
             *why = "not an ICCID: \"" + std::string(value.substr(0, 64)) + "\"";
             return std::nullopt;

@@ -5,6 +5,7 @@
 // and // and /* */ comments between tokens. A top level made of pairs without braces is a
 // "strings file" and reads as a dictionary; blanks alone read as an empty dictionary.
 #include "Format.h"
+#include "HexDigit.h"
 #include "PropertyList.h"
 #include "UTF8.h"
 
@@ -35,19 +36,6 @@ bool isBareStringCharacter(char c) {
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
-}
-
-int hexDigitValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
 }
 
 bool isHighSurrogate(char32_t u) {
