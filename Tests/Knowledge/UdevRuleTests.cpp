@@ -1,12 +1,13 @@
 // The shipped udev rule against the built-in table: the user at the seat gets the serial ports and
 // the USB device node of every USB stick the framework watches, and the rule's jumps all land.
 #include <gtest/gtest.h>
+#include <algorithm>
+#include <array>
 
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -29,6 +30,34 @@ struct UaccessRule {
     std::string error;
 };
 
+// `KEY{idVendor}=="vvvv", KEY{idProduct}=="pppp|...", TAG+="uaccess"` with KEY ATTR or ATTRS.
+bool readGrant(const std::string& line, std::array<std::string, 4>* match) {
+    const std::string key = line.starts_with("ATTRS{") ? "ATTRS" : "ATTR";
+    const std::string vendorStart = key + "{idVendor}==\"";
+    const std::string productStart = "\", " + key + "{idProduct}==\"";
+    const std::string tail = "\", TAG+=\"uaccess\"";
+    if (!line.starts_with(vendorStart) || !line.ends_with(tail) ||
+        line.size() < vendorStart.size() + 4 + productStart.size() + tail.size()) {
+        return false;
+    }
+    std::string vendor = line.substr(vendorStart.size(), 4);
+    if (line.compare(vendorStart.size() + 4, productStart.size(), productStart) != 0) {
+        return false;
+    }
+    std::size_t productsAt = vendorStart.size() + 4 + productStart.size();
+    std::string products = line.substr(productsAt, line.size() - tail.size() - productsAt);
+    auto hexOrBar = [](const std::string& text, bool bar) {
+        return !text.empty() && std::all_of(text.begin(), text.end(), [bar](char c) {
+            return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (bar && c == '|');
+        });
+    };
+    if (!hexOrBar(vendor, false) || !hexOrBar(products, true)) {
+        return false;
+    }
+    *match = {line, key, vendor, products};
+    return true;
+}
+
 UaccessRule readRule() {
     UaccessRule rule;
     std::ifstream file(kRule);
@@ -36,22 +65,22 @@ UaccessRule readRule() {
         rule.error = "cannot read " + kRule;
         return rule;
     }
-    const std::regex grant(
-        R"re(^(ATTRS?)\{idVendor\}=="([0-9a-f]{4})", \1\{idProduct\}=="([0-9a-f|]+)", TAG\+="uaccess"$)re");
-    const std::regex label(R"re(^LABEL="([a-z_]+)"$)re");
-    const std::regex jump(R"re(GOTO="([a-z_]+)")re");
+    // Read with plain string work: std::regex trips GCC 12's maybe-uninitialized at -O1.
     std::string section;
     for (std::string line; std::getline(file, line);) {
-        std::smatch match;
-        if (std::regex_match(line, match, label)) {
-            section = match[1];
+        if (line.starts_with("LABEL=\"") && line.ends_with("\"")) {
+            section = line.substr(7, line.size() - 8);
             rule.labels.insert(section);
         }
-        for (auto it = std::sregex_iterator(line.begin(), line.end(), jump);
-             it != std::sregex_iterator(); ++it) {
-            rule.gotos.insert((*it)[1]);
+        for (std::size_t at = line.find("GOTO=\""); at != std::string::npos;
+             at = line.find("GOTO=\"", at + 1)) {
+            std::size_t close = line.find('"', at + 6);
+            if (close != std::string::npos) {
+                rule.gotos.insert(line.substr(at + 6, close - at - 6));
+            }
         }
-        if (!std::regex_match(line, match, grant)) {
+        std::array<std::string, 4> match;  // the line, the key, the vendor, the products
+        if (!readGrant(line, &match)) {
             if (line.find("uaccess\"") != std::string::npos && line.find("TAG") == 0) {
                 rule.error = "a uaccess line of another form: " + line;
             }
