@@ -7,8 +7,11 @@
 // kGsmErrorNoResponse. A port that cannot be opened, is busy, or hangs up (EIO, HUP) ends its
 // conversation with kGsmErrorPortUnavailable. I/O deadlines use the real monotonic clock.
 //
-// Conversations are finished on the I/O thread, never inside submit(). Destroying the engine
-// finishes every conversation still waiting or running with kGsmErrorNoResponse, then joins.
+// Conversations are finished on the I/O thread, never inside submit(), with one exception: an
+// engine that could not open the descriptor that wakes its thread (out of descriptors) runs no
+// thread and refuses every conversation at once, in submit(), with kGsmErrorPortUnavailable and
+// the reason. Destroying the engine finishes every conversation still waiting or running with
+// kGsmErrorNoResponse, then joins.
 #pragma once
 
 #include <memory>
@@ -18,6 +21,7 @@
 #include <vector>
 
 #include "AtConversation.h"
+#include "WakeChannel.h"
 
 namespace qv {
 
@@ -41,7 +45,7 @@ class AtEngine {
     void wake();
 
     AtEngineOptions options_;
-    int wakeFd_ = -1;
+    WakeChannel wake_;
     std::mutex mutex_;
     std::vector<std::unique_ptr<AtConversation>> incoming_;
     bool stopping_ = false;

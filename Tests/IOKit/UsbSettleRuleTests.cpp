@@ -55,9 +55,7 @@ struct Publication {
 
 class UsbSettleRuleTest : public ::testing::Test {
   protected:
-    UsbSettleRuleTest() {
-        rule_.setTimes(0.25, 3.0);
-    }
+    UsbSettleRuleTest() { rule_.setTimes(0.25, 3.0); }
 
     // Runs `call` at virtual time `time`.
     void at(double time, std::function<void()> call) {

@@ -31,8 +31,7 @@ struct Pipe {
         ::close(readEnd);
     }
     void write(const std::string& text) const {
-        EXPECT_EQ(::write(writeEnd, text.data(), text.size()),
-                  static_cast<ssize_t>(text.size()));
+        EXPECT_EQ(::write(writeEnd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
     // Everything waiting, or "EOF" once the writer is gone and nothing is left.
     std::string drain() const {

@@ -69,14 +69,14 @@ UdevFeeder::~UdevFeeder() {
 
 const char* UdevFeeder::describe(StartResult result) {
     switch (result) {
-    case StartResult::Started:
-        return "";
-    case StartResult::NoUdev:
-        return "udev could not be opened";
-    case StartResult::EnumerationFailed:
-        return "the udev device enumeration failed";
-    case StartResult::MonitorFailed:
-        return "the udev monitor could not be opened";
+        case StartResult::Started:
+            return "";
+        case StartResult::NoUdev:
+            return "udev could not be opened";
+        case StartResult::EnumerationFailed:
+            return "the udev device enumeration failed";
+        case StartResult::MonitorFailed:
+            return "the udev monitor could not be opened";
     }
     return "";
 }

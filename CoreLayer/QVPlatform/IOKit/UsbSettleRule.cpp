@@ -113,12 +113,12 @@ void UsbSettleRule::armTimer(const std::string& devicePath, SettlingDevice& devi
     }
     double delay = std::min(quietTime_, device.firstEvent + longestSettle_ - loop_.now());
     std::weak_ptr<int> alive = lifetime_;
-    device.timer = loop_.scheduleTimer(std::max(0.0, delay), false,
-                                       [this, alive, devicePath](Timer&) {
-                                           if (!alive.expired()) {
-                                               publish(devicePath);
-                                           }
-                                       });
+    device.timer =
+        loop_.scheduleTimer(std::max(0.0, delay), false, [this, alive, devicePath](Timer&) {
+            if (!alive.expired()) {
+                publish(devicePath);
+            }
+        });
 }
 
 void UsbSettleRule::publish(const std::string& devicePath) {

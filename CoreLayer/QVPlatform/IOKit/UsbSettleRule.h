@@ -70,7 +70,7 @@ class UsbSettleRule {
     };
     struct SettlingDevice {
         std::map<std::string, UdevDeviceFacts, SysPathLess> nodes;  // the device and its functions
-        unsigned declaredInterfaces = 0;                             // 0: the device did not say
+        unsigned declaredInterfaces = 0;                            // 0: the device did not say
         double firstEvent = 0.0;
         std::shared_ptr<Timer> timer;
     };

@@ -20,8 +20,8 @@ std::shared_ptr<Timer> VirtualRunLoop::scheduleTimer(double interval, bool repea
     return timers_.add(now_, interval, repeats, std::move(callback));
 }
 
-std::unique_ptr<FileDescriptorWatch> VirtualRunLoop::watchReadable(
-    int fd, std::function<void()> readable) {
+std::unique_ptr<FileDescriptorWatch> VirtualRunLoop::watchReadable(int fd,
+                                                                   std::function<void()> readable) {
     return descriptors_.add(fd, std::move(readable));
 }
 
