@@ -111,7 +111,7 @@ class RecordingConversation : public qv::AtConversation {
         qv::AtEngine engine;
         engine.submit(std::make_unique<RecordingConversation>("/dev/ttyUSB0", finish));
         check(finish.calls == 1, "the conversation is finished at once");
-        check(finish.code == qv::kGsmErrorPortUnavailable, "with 'port unavailable'");
+        check(finish.code == kGsmErrorPortUnavailable, "with 'port unavailable'");
         check(finish.reason.find("/dev/ttyUSB0: ") == 0 &&
                   finish.reason.find("no wake-up descriptor") != std::string::npos,
               "and a reason naming the port and the cause");
