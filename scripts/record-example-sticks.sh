@@ -28,7 +28,7 @@ sticks=$out/sticks
 recordings=(
   "huawei-e1750 huawei-e1750 ttyUSB2 huawei-e1750.json -"
   "huawei-e1750-sim-pin huawei-e1750 ttyUSB2 huawei-e1750-sim-pin.json -"
-  "generic-huawei generic-huawei ttyUSB2 huawei-e1550.json --generic"
+  "generic-huawei generic-huawei ttyUSB2 huawei-e1750.json --generic"
   "zte-k3805-z zte-k3805-z ttyACM0 $sticks/zte-k3805-z.modem.json -"
   "huawei-k4305-storage huawei-k4305-storage - - --generic"
 )

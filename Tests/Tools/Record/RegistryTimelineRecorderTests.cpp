@@ -110,8 +110,10 @@ TEST(RegistryTimelineRecorder, APropertyTakenAwayIsReplayedAsGone) {
 
     const qv::Json& events = recorder.timeline();
     ASSERT_EQ(events.size(), 2u) << events.dump(1);
-    EXPECT_EQ(events[1]["set"]["properties"],
-              (qv::Json{{"Driver", nullptr}, {"bInterfaceClass", 255}}));
+    const qv::Json& changed = events[1]["set"]["properties"];
+    EXPECT_EQ(changed.size(), 2u) << changed.dump();
+    EXPECT_TRUE(changed.contains("Driver") && changed["Driver"].is_null()) << changed.dump();
+    EXPECT_EQ(changed["bInterfaceClass"], 255);
 
     // Played back, the key is there first and gone after the change; the rest stays.
     std::string error;
