@@ -29,7 +29,7 @@ recordings=(
   "huawei-e1750 huawei-e1750 ttyUSB2 huawei-e1750.json -"
   "huawei-e1750-sim-pin huawei-e1750 ttyUSB2 huawei-e1750-sim-pin.json -"
   "generic-huawei generic-huawei ttyUSB2 huawei-e1750.json --generic"
-  "zte-k3805-z zte-k3805-z ttyACM0 $sticks/zte-k3805-z.modem.json -"
+  "zte-k3805-z zte-k3805-z ttyACM0 zte-k3805-z.json -"
   "huawei-k4305-storage huawei-k4305-storage - - --generic"
 )
 
