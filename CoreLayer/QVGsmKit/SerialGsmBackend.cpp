@@ -162,6 +162,7 @@ SerialGsmBackend::SerialGsmBackend(SerialGsmOptions options, ModemModelTable tab
     AtEngineOptions engineOptions;
     engineOptions.lockDirectories = options_.lockDirectories;
     engineOptions.conversationTimeout = options_.requestTimeout;
+    engineOptions.clock = options_.clock;
     engine_ = std::make_unique<AtEngine>(std::move(engineOptions));
 }
 

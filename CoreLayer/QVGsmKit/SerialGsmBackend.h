@@ -32,6 +32,7 @@ struct SerialGsmOptions {
     double commandTimeout = 5.0;
     double requestTimeout = 30.0;
     std::vector<std::string> lockDirectories{"/run/lock", "/var/lock"};
+    std::shared_ptr<PollClock> clock;  // the engine's clock; nullptr: the monotonic one
 };
 
 enum class SerialGsmRequest { Identify, ModelInformation, GroundInit, DeviceInfo, NetworkInfo };
