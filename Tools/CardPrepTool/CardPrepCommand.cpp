@@ -171,11 +171,8 @@ std::optional<CardPrepOptions> CardPrepCommand::parse(const std::vector<std::str
 
 int CardPrepCommand::main(const std::vector<std::string>& arguments, std::ostream& out,
                           std::ostream& err) {
-    return helpercli::runCommandLine<CardPrepOptions>(
-        "CardPrepTool", usage(), arguments, &CardPrepCommand::parse, out, err,
-        [&](CardPrepOptions options) {
-            return CardPrepCommand(std::move(options), out, err).run();
-        });
+    return helpercli::runProgram<CardPrepCommand, CardPrepOptions>("CardPrepTool", arguments, out,
+                                                                   err);
 }
 
 int CardPrepCommand::fail(const std::string& message) {

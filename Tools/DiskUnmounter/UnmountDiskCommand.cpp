@@ -134,11 +134,8 @@ std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std:
 
 int UnmountDiskCommand::main(const std::vector<std::string>& arguments, std::ostream& out,
                              std::ostream& err) {
-    return helpercli::runCommandLine<UnmounterOptions>(
-        "qv-unmount-disk", usage(), arguments, &UnmountDiskCommand::parse, out, err,
-        [&](UnmounterOptions options) {
-            return UnmountDiskCommand(std::move(options), out, err).run();
-        });
+    return helpercli::runProgram<UnmountDiskCommand, UnmounterOptions>("qv-unmount-disk", arguments,
+                                                                       out, err);
 }
 
 std::string UnmountDiskCommand::withPrivilegeAdvice(const std::string& message) {

@@ -37,6 +37,16 @@ int runCommandLine(const char* program, const char* usage,
     return run(std::move(*options));
 }
 
+// The same for a program written as a command class: `Command::parse`, `Command::usage()`, and
+// `Command(options, out, err).run()`.
+template <typename Command, typename Options>
+int runProgram(const char* program, const std::vector<std::string>& arguments, std::ostream& out,
+               std::ostream& err) {
+    return runCommandLine<Options>(
+        program, Command::usage(), arguments, &Command::parse, out, err,
+        [&](Options options) { return Command(std::move(options), out, err).run(); });
+}
+
 bool isHelpOption(const std::string& argument);
 
 // Whether `argument` is `option`, alone or as "OPTION=VALUE".
