@@ -85,6 +85,11 @@ bool GsmBackend::isInstalled() {
     return gBackend != nullptr;
 }
 
+std::shared_ptr<GsmBackend> GsmBackend::installed() {
+    std::lock_guard<std::mutex> lock(gBackendMutex);
+    return gBackend;
+}
+
 void GsmBackend::setCurrent(std::shared_ptr<GsmBackend> backend) {
     std::lock_guard<std::mutex> lock(gBackendMutex);
     gBackend = std::move(backend);

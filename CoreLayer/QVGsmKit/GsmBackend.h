@@ -101,6 +101,8 @@ class GsmBackend {
     static void setCurrent(std::shared_ptr<GsmBackend> backend);
     // Whether someone installed a backend (rather than the null one standing in by default).
     static bool isInstalled();
+    // The backend someone installed, nullptr when none (to put back later).
+    static std::shared_ptr<GsmBackend> installed();
 };
 
 }  // namespace qv

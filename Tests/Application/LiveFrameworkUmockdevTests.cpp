@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -24,8 +25,7 @@
 #include "Application/PlatformFactory.h"
 #include "Application/QVDeviceObserver.h"
 #include "Application/QVPrioQueue.h"
-#include "Application/ScriptedDevicePlatform.h"
-#include "Events/QVDeviceNotificationCenter.h"
+#include "Application/SeamInstallation.h"
 #include "Foundation/JsonValue.h"
 #include "Foundation/Logging.h"
 #include "IOKit/Registry.h"
@@ -81,12 +81,14 @@ class LiveFrameworkUmockdev : public UmockdevTest {
         context_ = g_main_context_new();
         g_main_context_push_thread_default(context_);
         loop_ = std::make_shared<qv::GLibRunLoop>();
-        qv::RunLoop::setCurrent(loop_);
-        qv::Registry::resetShared();
-        qv::setNamedLogSink(
-            [this](const std::string&, const std::string& line) { log_.push_back(line); });
-        qv::PlatformFactory::resetForTesting();
-        qv::PlatformFactory::install(nullptr);  // the live platform, as on a real machine
+        qv::Seams seams;
+        seams.runLoop = loop_;
+        seams.freshFramework = true;
+        seams.platform = nullptr;  // the live platform, as on a real machine
+        seams.namedLog = [this](const std::string&, const std::string& line) {
+            log_.push_back(line);
+        };
+        seams_.emplace(seams);
     }
 
     void TearDown() override {
@@ -98,13 +100,7 @@ class LiveFrameworkUmockdev : public UmockdevTest {
             observer_->stop();
             observer_.reset();
         }
-        qv::PlatformFactory::install(std::make_shared<qv::ScriptedDevicePlatform>());
-        QVDeviceNotificationCenter::defaultDeviceNotificationCenter()->removeAllNotifications();
-        QVPrioQueue::resetSharedForTesting();
-        QVDeviceNotificationCenter::resetSharedForTesting();
-        qv::Registry::resetShared();
-        qv::setNamedLogSink({});
-        qv::RunLoop::setCurrent(nullptr);
+        seams_.reset();
         loop_.reset();
         g_main_context_pop_thread_default(context_);
         g_main_context_unref(context_);
@@ -170,6 +166,7 @@ class LiveFrameworkUmockdev : public UmockdevTest {
     std::shared_ptr<QVDeviceObserver> observer_;
     RecordingApplication application_;
     std::vector<std::string> log_;
+    std::optional<qv::SeamInstallation> seams_;  // made in SetUp, gone in TearDown
 };
 
 TEST_F(LiveFrameworkUmockdev, AnnouncesAHotPluggedStickInInterfaceOrderThenItsUnplug) {
@@ -273,7 +270,6 @@ TEST_F(LiveFrameworkUmockdev, ThirtyTwoSticksPluggedAndUnpluggedAtOnce) {
 TEST_F(LiveFrameworkUmockdev, QvdeviceRunPrintsTheSticksOfThisMachine) {
     plugE1750("1-4", 0);
     ToolRun run = runQvdevice({"run", "--for", "2.5", "--json"});
-    qv::RunLoop::setCurrent(loop_);  // the tool put back "none"
     ASSERT_EQ(run.code, 0) << run.err;
     int announced = 0;
     std::istringstream lines(run.out);

@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Application/QVDeviceObserver.h"
+#include "Application/SeamInstallation.h"
 #include "Events/DeviceEventsFixture.h"
 #include "Foundation/Platform.h"
 #include "Foundation/Task.h"
@@ -45,25 +47,18 @@ class MonitorTest : public DeviceEventsTest {
   protected:
     void SetUp() override {
         DeviceEventsTest::SetUp();
-        qv::Bundle::setPathForResource(
-            "DeviceDatabase", "plist",
-            std::string(QV_TEST_DATA_DIR) + "/Simulator/test-database.plist");
-        qv::SystemVersion::set(0x1050);
-        qv::TaskLauncher::setShared(std::make_shared<qv::RecordingTaskLauncher>());
-        qv::GsmBackend::setCurrent(gsm_);
-        qv::setSystemLogSink([this](const std::string& line) { syslog_.push_back(line); });
+        qv::Seams seams;
+        seams.resources.push_back(
+            {"DeviceDatabase", "plist",
+             std::string(QV_TEST_DATA_DIR) + "/Simulator/test-database.plist"});
+        seams.systemVersion = 0x1050;
+        seams.taskLauncher = std::make_shared<qv::RecordingTaskLauncher>();
+        seams.gsmBackend = gsm_;
+        seams.systemLog = [this](const std::string& line) { syslog_.push_back(line); };
+        monitorSeams_.emplace(seams);
     }
     void TearDown() override {
-        // Whatever holds snapshots goes before the registry they point into.
-        QVDeviceNotificationCenter::defaultDeviceNotificationCenter()->removeAllNotifications();
-        QVDeviceObserver::resetSharedForTesting();
-        QVDeviceMonitor::resetSharedForTesting();
-        QVPrioQueue::resetSharedForTesting();
-        qv::setSystemLogSink({});
-        qv::GsmBackend::setCurrent(nullptr);
-        qv::TaskLauncher::setShared(nullptr);
-        qv::SystemVersion::set(std::nullopt);
-        qv::Bundle::setPathForResource("DeviceDatabase", "plist", std::nullopt);
+        monitorSeams_.reset();
         DeviceEventsTest::TearDown();
     }
 
@@ -84,4 +79,7 @@ class MonitorTest : public DeviceEventsTest {
     std::shared_ptr<qv::ScriptedGsmBackend> gsm_ = std::make_shared<qv::ScriptedGsmBackend>();
     std::vector<std::string> syslog_;
     CallLog delegate_;
+
+  private:
+    std::optional<qv::SeamInstallation> monitorSeams_;
 };

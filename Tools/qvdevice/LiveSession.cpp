@@ -1,18 +1,18 @@
 #include "LiveSession.h"
 
 #include <algorithm>
+#include <optional>
 #include <vector>
 
 #include "Application/QVDeviceObserver.h"
 #include "Application/QVPrioQueue.h"
-#include "Foundation/Logging.h"
-#include "Foundation/NotificationCenter.h"
+#include "FrameworkEventTap.h"
 #include "Model/QVDevice.h"
 #include "Recognition/QVDeviceMonitor.h"
 #include "Recognition/QVDeviceMonitorGenericDevRecogn.h"
+#include "RecordingApplication.h"
 #include "RecordingObserver.h"
 #include "RunLoop/RunLoop.h"
-#include "SimulatedApplication.h"
 #include "SimulationEvent.h"
 
 namespace qvdevice {
@@ -49,9 +49,9 @@ struct LiveSession::State {
 
     LiveSessionOptions options;
     LiveEventWriter writer;
-    SimulatedApplication application;
+    RecordingApplication application;
+    std::optional<FrameworkEventTap> tap;  // while started
     std::shared_ptr<RecordingObserver> observer;
-    qv::NotificationCenter::Token notificationToken = 0;
     bool started = false;
 };
 
@@ -69,22 +69,7 @@ void LiveSession::start() {
     }
     state.started = true;
     LiveEventWriter& writer = state.writer;
-    qv::setNamedLogSink([&writer](const std::string& log, const std::string& message) {
-        qv::Json fields = qv::Json::object();
-        fields["log"] = log;
-        fields["message"] = message;
-        writer.add("log", std::move(fields));
-    });
-    qv::setSystemLogSink([&writer](const std::string& line) {
-        writer.add("syslog", qv::Json{{"message", line}});
-    });
-    qv::setStandardOutputSink([&writer](const std::string& line) {
-        writer.add("stdout", qv::Json{{"message", line}});
-    });
-    state.notificationToken = qv::NotificationCenter::defaultCenter().addObserver(
-        "", [&writer](const qv::Notification& note) {
-            writer.add("notification", qv::Json{{"name", note.name}});
-        });
+    state.tap.emplace(writer);
 
     // The application's side, in the order an application does it. Making the monitor loads the
     // device database, which may raise: then nothing was started, and nothing is left behind.
@@ -93,7 +78,7 @@ void LiveSession::start() {
         monitor = state.options.generic ? QVDeviceMonitorGenericDevRecogn::create()
                                         : QVDeviceMonitor::create();
     } catch (...) {
-        removeSinks();
+        state.tap.reset();
         state.started = false;
         throw;
     }
@@ -121,15 +106,7 @@ void LiveSession::stop() {
                      qv::Json{{"message", present == 0 ? std::string("no modems found")
                                                        : std::to_string(present) +
                                                              " device(s) present at the end"}});
-    removeSinks();
-}
-
-void LiveSession::removeSinks() {
-    qv::setNamedLogSink({});
-    qv::setSystemLogSink({});
-    qv::setStandardOutputSink({});
-    qv::NotificationCenter::defaultCenter().removeObserver(state_->notificationToken);
-    state_->notificationToken = 0;
+    state.tap.reset();
 }
 
 }  // namespace qvdevice

@@ -35,8 +35,6 @@ class LiveSession {
     void stop();
 
   private:
-    void removeSinks();
-
     struct State;
     std::unique_ptr<State> state_;
 };

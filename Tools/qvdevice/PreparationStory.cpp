@@ -41,9 +41,11 @@ PreparationStory::PreparationStory(const PreparationScenario& scenario, qv::Regi
     for (const auto& [disk, path] : scenario.mounts) {
         mounts_->mount("/dev/" + disk, path);
     }
-    qv::MountedFileSystems::setShared(mounts_);
     usb_->setObserver([this](const qv::RecordingUSBDeviceAccess::Call& call) { usbCall(call); });
-    qv::USBDeviceAccess::setShared(usb_);
+    qv::Seams seams;
+    seams.mountTable = mounts_;
+    seams.usbDeviceAccess = usb_;
+    installation_.emplace(seams);
     for (const PreparationScenario::MountEvent& event : scenario.mountEvents) {
         const PreparationScenario::MountEvent* target = &event;
         double delay = origin_ + event.at - loop_.now();
@@ -63,8 +65,7 @@ PreparationStory::~PreparationStory() {
     }
     enabler_.reset();
     usb_->setObserver({});
-    qv::USBDeviceAccess::setShared(nullptr);
-    qv::MountedFileSystems::setShared(nullptr);
+    installation_.reset();
 }
 
 void PreparationStory::startApplication() {

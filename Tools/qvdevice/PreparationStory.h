@@ -3,15 +3,17 @@
 // utility and the mode-switch tool do when the framework starts them, and the sticks that leave
 // the bus and come back in their modem mode.
 //
-// Installs its seams (mount table, USB device access) when made and restores the system's when
+// Installs its seams (mount table, USB device access) when made and puts back what was there when
 // destroyed; must go before the registry and the run loop it was given.
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "Application/SeamInstallation.h"
 #include "Foundation/MountedFileSystems.h"
 #include "Foundation/Task.h"
 #include "IOKit/RecordingUSBDeviceAccess.h"
@@ -59,6 +61,7 @@ class PreparationStory {
     double origin_;
     std::shared_ptr<qv::FixedMountedFileSystems> mounts_;
     std::shared_ptr<qv::RecordingUSBDeviceAccess> usb_;
+    std::optional<qv::SeamInstallation> installation_;  // the two above, while the story plays
     std::shared_ptr<QVZTESerialPortsEnabler> enabler_;
     std::vector<std::shared_ptr<qv::Timer>> timers_;
     std::set<io_registry_entry_t> switching_;

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "Application/SeamInstallation.h"
 #include "CommandContext.h"
 #include "IOKit/Registry.h"
 #include "IOKit/ScriptedFeeder.h"
@@ -30,15 +31,15 @@ int runRegistry(const RegistryOptions& options, CommandContext& context) {
     }
     double until = options.at >= 0.0 ? options.at : timeline->endTime();
     auto loop = std::make_shared<qv::VirtualRunLoop>();
-    auto previous = qv::RunLoop::currentShared();
-    qv::RunLoop::setCurrent(loop);
     qv::Registry registry;
     {
+        qv::Seams seams;
+        seams.runLoop = loop;
+        qv::SeamInstallation installation(seams);
         qv::ScriptedFeeder feeder(registry, std::move(*timeline));
         feeder.schedule(*loop);
         loop->runUntil(until);
     }
-    qv::RunLoop::setCurrent(previous);
 
     qv::Registry::EntryView tree = registry.tree();
     if (options.json) {

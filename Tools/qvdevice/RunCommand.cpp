@@ -10,12 +10,11 @@
 #include <memory>
 #include <string>
 
+#include "Application/SeamInstallation.h"
 #include "CommandContext.h"
 #include "DatabaseFileCheck.h"
-#include "Foundation/Platform.h"
 #include "LiveSession.h"
 #include "OutputStyle.h"
-#include "QVGsmKit/GsmBackend.h"
 #include "QVGsmKit/NullGsmBackend.h"
 #include "Rules/QVDeviceFilter.h"
 #include "RulesFileIO.h"
@@ -83,6 +82,7 @@ std::optional<qv::Value> loadRules(const std::string& path, std::string* error) 
 
 int runLive(const RunOptions& options, CommandContext& context) {
     LiveSessionOptions session;
+    qv::Seams seams;
     if (!options.rules.empty()) {
         std::string error;
         auto rules = loadRules(options.rules, &error);
@@ -97,11 +97,11 @@ int runLive(const RunOptions& options, CommandContext& context) {
             context.err << "qvdevice run: refused database: " << *refusal << '\n';
             return 2;
         }
-        qv::Bundle::setPathForResource("DeviceDatabase", "plist", options.database);
+        seams.resources.push_back({"DeviceDatabase", "plist", options.database});
     }
     if (options.noModem) {
         // The framework never talks AT: identification by tables only, no modem initialisation.
-        qv::GsmBackend::setCurrent(std::make_shared<qv::NullGsmBackend>());
+        seams.gsmBackend = std::make_shared<qv::NullGsmBackend>();
     }
     session.generic = options.generic;
     if (options.defaultDevice >= 0) {
@@ -111,9 +111,11 @@ int runLive(const RunOptions& options, CommandContext& context) {
 
     // The application's loop: the thread-default GMainContext, as a GTK or GLib host has it.
     auto loop = std::make_shared<qv::GLibRunLoop>();
-    qv::RunLoop::setCurrent(loop);
+    seams.runLoop = loop;
     int code = 0;
     {
+        // The process may go on (tests run the tool in-process): what is replaced goes back.
+        qv::SeamInstallation installation(seams);
         SignalStop signals(*loop);
         LiveSession live(context.out, std::move(session));
         try {
@@ -125,14 +127,6 @@ int runLive(const RunOptions& options, CommandContext& context) {
             code = 1;
         }
         live.stop();
-    }
-    qv::RunLoop::setCurrent(nullptr);
-    // The process may go on (tests run the tool in-process): put back what was replaced.
-    if (options.noModem) {
-        qv::GsmBackend::setCurrent(nullptr);
-    }
-    if (!options.database.empty()) {
-        qv::Bundle::setPathForResource("DeviceDatabase", "plist", std::nullopt);
     }
     context.out.flush();
     return code != 0 ? code : (context.out ? 0 : 1);

@@ -110,4 +110,19 @@ void setStandardOutputSink(LineSink sink) {
     stdoutSink() = std::move(sink);
 }
 
+NamedLogSink namedLogSink() {
+    std::lock_guard<std::mutex> lock(sinkMutex());
+    return namedSink();
+}
+
+LineSink systemLogSink() {
+    std::lock_guard<std::mutex> lock(sinkMutex());
+    return systemSink();
+}
+
+LineSink standardOutputSink() {
+    std::lock_guard<std::mutex> lock(sinkMutex());
+    return stdoutSink();
+}
+
 }  // namespace qv

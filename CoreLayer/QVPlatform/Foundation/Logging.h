@@ -29,6 +29,10 @@ void writeToStandardOutput(const std::string& line);
 void setNamedLogSink(NamedLogSink sink);
 void setSystemLogSink(LineSink sink);
 void setStandardOutputSink(LineSink sink);
+// The sinks installed now, empty for the real channels (to put back later).
+NamedLogSink namedLogSink();
+LineSink systemLogSink();
+LineSink standardOutputSink();
 
 // Whether a named-log line goes anywhere: a sink is installed, or the process exports the host's
 // hook. Lets callers skip rendering lines nobody receives.

@@ -45,6 +45,11 @@ void MountedFileSystems::setShared(std::shared_ptr<MountedFileSystems> table) {
     gTable = std::move(table);
 }
 
+std::shared_ptr<MountedFileSystems> MountedFileSystems::installed() {
+    std::lock_guard<std::mutex> lock(gTableMutex);
+    return gTable;
+}
+
 std::string KernelMountedFileSystems::unescape(const std::string& field) {
     std::string out;
     for (std::size_t i = 0; i < field.size(); ++i) {

@@ -24,6 +24,8 @@ class MountedFileSystems {
     static MountedFileSystems& shared();
     // nullptr restores the system's table.
     static void setShared(std::shared_ptr<MountedFileSystems> table);
+    // The one set now, or the system's once made; nullptr before either (to put back later).
+    static std::shared_ptr<MountedFileSystems> installed();
 };
 
 // /proc/self/mountinfo (proc(5)), read afresh at each call and never more than a few megabytes.

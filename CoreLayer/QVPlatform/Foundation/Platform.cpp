@@ -126,6 +126,15 @@ void Bundle::setPathForResource(const std::string& name, const std::string& type
     }
 }
 
+std::optional<std::string> Bundle::replacementForResource(const std::string& name,
+                                                          const std::string& type) {
+    std::string fileName = type.empty() ? name : name + "." + type;
+    if (auto it = resourceReplacements().find(fileName); it != resourceReplacements().end()) {
+        return it->second;
+    }
+    return std::nullopt;
+}
+
 std::optional<std::string> Bundle::pathForResource(const std::string& name,
                                                    const std::string& type) {
     std::string fileName = type.empty() ? name : name + "." + type;
@@ -173,6 +182,11 @@ void SystemVersion::set(std::optional<int> version) {
     gSystemVersion.store(version ? *version : kNoVersionOverride);
 }
 
+std::optional<int> SystemVersion::installed() {
+    int version = gSystemVersion.load();
+    return version == kNoVersionOverride ? std::nullopt : std::optional<int>(version);
+}
+
 OSErr Gestalt(OSType selector, std::int32_t* response) {
     if (selector != gestaltSystemVersion) {
         return gestaltUndefSelectorErr;
@@ -196,6 +210,11 @@ Workspace& Workspace::shared() {
 void Workspace::setShared(std::shared_ptr<Workspace> workspace) {
     std::lock_guard<std::mutex> lock(gPlatformMutex);
     gWorkspace = std::move(workspace);
+}
+
+std::shared_ptr<Workspace> Workspace::installed() {
+    std::lock_guard<std::mutex> lock(gPlatformMutex);
+    return gWorkspace;
 }
 
 namespace {
@@ -377,6 +396,11 @@ void ApplicationTermination::terminate() {
 void ApplicationTermination::setHandler(std::function<void()> handler) {
     std::lock_guard<std::mutex> lock(gPlatformMutex);
     gTerminationHandler = std::move(handler);
+}
+
+std::function<void()> ApplicationTermination::handler() {
+    std::lock_guard<std::mutex> lock(gPlatformMutex);
+    return gTerminationHandler;
 }
 
 }  // namespace qv

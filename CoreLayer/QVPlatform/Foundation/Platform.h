@@ -29,6 +29,9 @@ class Bundle {
     // nullopt removes the replacement.
     static void setPathForResource(const std::string& name, const std::string& type,
                                    std::optional<std::string> path);
+    // The file put in the place of that resource, if any.
+    static std::optional<std::string> replacementForResource(const std::string& name,
+                                                             const std::string& type);
     // A helper program the framework starts (the disk unmounter, CardPrepTool): the one in the
     // resources directory, else the installed one in the libexec directory; the path in the
     // resources directory when there is neither.
@@ -41,6 +44,8 @@ class SystemVersion {
     static int current();
     // nullopt restores the Linux answer.
     static void set(std::optional<int> version);
+    // The version set, nullopt when the Linux answer stands.
+    static std::optional<int> installed();
 };
 
 using OSErr = std::int16_t;
@@ -61,6 +66,8 @@ class Workspace {
     static Workspace& shared();
     // nullptr restores the D-Bus workspace.
     static void setShared(std::shared_ptr<Workspace> workspace);
+    // The one set now, or the D-Bus one once made; nullptr before either (to put back later).
+    static std::shared_ptr<Workspace> installed();
 };
 
 // Asks the session bus (the address in DBUS_SESSION_BUS_ADDRESS, or $XDG_RUNTIME_DIR/bus)
@@ -102,6 +109,8 @@ class ApplicationTermination {
     static void terminate();
     // An empty function restores the default.
     static void setHandler(std::function<void()> handler);
+    // The handler set, empty for the default.
+    static std::function<void()> handler();
 };
 
 }  // namespace qv

@@ -130,6 +130,11 @@ void TaskLauncher::setShared(std::shared_ptr<TaskLauncher> launcher) {
     gShared = std::move(launcher);
 }
 
+std::shared_ptr<TaskLauncher> TaskLauncher::installed() {
+    std::lock_guard<std::mutex> lock(gSharedMutex);
+    return gShared;
+}
+
 bool PosixTaskLauncher::launch(const std::string& path, const std::vector<std::string>& arguments,
                                std::string* error) {
     std::vector<char*> argv;

@@ -31,6 +31,8 @@ class TaskLauncher {
     static TaskLauncher& shared();
     // nullptr restores the real launcher.
     static void setShared(std::shared_ptr<TaskLauncher> launcher);
+    // The one set now, or the real one once made; nullptr before either (to put back later).
+    static std::shared_ptr<TaskLauncher> installed();
 };
 
 // The real launcher: posix_spawn, no shell.

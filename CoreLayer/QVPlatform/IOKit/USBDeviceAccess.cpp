@@ -25,4 +25,9 @@ void USBDeviceAccess::setShared(std::shared_ptr<USBDeviceAccess> access) {
     gAccess = std::move(access);
 }
 
+std::shared_ptr<USBDeviceAccess> USBDeviceAccess::installed() {
+    std::lock_guard<std::mutex> lock(gAccessMutex);
+    return gAccess;
+}
+
 }  // namespace qv

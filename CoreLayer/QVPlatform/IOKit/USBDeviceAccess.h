@@ -32,6 +32,8 @@ class USBDeviceAccess {
     static USBDeviceAccess& shared();
     // nullptr restores the default (libusb) backend.
     static void setShared(std::shared_ptr<USBDeviceAccess> access);
+    // The one set now, or the default once made; nullptr before either (to put back later).
+    static std::shared_ptr<USBDeviceAccess> installed();
 };
 
 // The do-nothing backend: no device can be reached.

@@ -25,6 +25,10 @@ void RunLoop::setCurrent(std::shared_ptr<RunLoop> loop) {
     tCurrentLoop = std::move(loop);
 }
 
+std::shared_ptr<RunLoop> RunLoop::installed() {
+    return tCurrentLoop;
+}
+
 std::shared_ptr<Timer> RunLoop::performAfterDelay(double delay, std::function<void()> call) {
     return scheduleTimer(delay, false, [call = std::move(call)](Timer&) { call(); });
 }

@@ -63,6 +63,8 @@ class RunLoop : public std::enable_shared_from_this<RunLoop> {
     // Installs a run loop for the calling thread (tests and the simulator install a virtual one);
     // nullptr removes it.
     static void setCurrent(std::shared_ptr<RunLoop> loop);
+    // The calling thread's run loop if it has one, without making one (to put back later).
+    static std::shared_ptr<RunLoop> installed();
 
     // Seconds on this loop's clock: monotonic on a real loop, virtual time on a virtual one.
     virtual double now() const = 0;

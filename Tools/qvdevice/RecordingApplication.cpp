@@ -1,4 +1,4 @@
-#include "SimulatedApplication.h"
+#include "RecordingApplication.h"
 
 #include <utility>
 
@@ -7,10 +7,10 @@
 
 namespace qvdevice {
 
-SimulatedApplication::SimulatedApplication(EventSink& sink, std::optional<int> defaultDevice)
+RecordingApplication::RecordingApplication(EventSink& sink, std::optional<int> defaultDevice)
     : sink_(sink), defaultDevice_(defaultDevice) {}
 
-void SimulatedApplication::noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) {
+void RecordingApplication::noteDeviceBecameAvailable(const std::shared_ptr<QVDevice>& device) {
     sink_.addCall("application", "noteDeviceBecameAvailable:", device);
     devices_.push_back(device);
     if (defaultDevice_ && *defaultDevice_ >= 0 &&
@@ -26,31 +26,31 @@ void SimulatedApplication::noteDeviceBecameAvailable(const std::shared_ptr<QVDev
     }
 }
 
-void SimulatedApplication::noteDeviceBecameMissing(const std::shared_ptr<QVDevice>& device) {
+void RecordingApplication::noteDeviceBecameMissing(const std::shared_ptr<QVDevice>& device) {
     sink_.addCall("application", "noteDeviceBecameMissing:", device);
     std::erase(devices_, device);
 }
 
-void SimulatedApplication::noteDeviceIdentificationStarted() {
+void RecordingApplication::noteDeviceIdentificationStarted() {
     sink_.addCall("application", "noteDeviceIdentificationStarted");
 }
 
-void SimulatedApplication::noteDeviceIdentificationStopped() {
+void RecordingApplication::noteDeviceIdentificationStopped() {
     sink_.addCall("application", "noteDeviceIdentificationStopped");
 }
 
-void SimulatedApplication::noteDeviceDidRecognize(const std::shared_ptr<QVDevice>& device) {
+void RecordingApplication::noteDeviceDidRecognize(const std::shared_ptr<QVDevice>& device) {
     sink_.addCall("application", "noteDeviceDidRecognize:", device);
 }
 
-void SimulatedApplication::noteDeviceRecognitionError(int code) {
+void RecordingApplication::noteDeviceRecognitionError(int code) {
     qv::Json fields = qv::Json::object();
     fields["call"] = "noteDeviceRecognitionError:";
     fields["code"] = code;
     sink_.add("application", std::move(fields));
 }
 
-void SimulatedApplication::noteNetworkInfoDidUpdate(const qv::Value& info,
+void RecordingApplication::noteNetworkInfoDidUpdate(const qv::Value& info,
                                                     const std::shared_ptr<QVDevice>& sender) {
     qv::Json fields = qv::Json::object();
     fields["call"] = "noteNetworkInfoDidUpdate:sender:";

@@ -1,4 +1,4 @@
-// qvdevice::SimulatedApplication: the connection application of `simulate` and `run`. It keeps its
+// qvdevice::RecordingApplication: the connection application of `simulate` and `run`. It keeps its
 // own list of devices, writes down what it hears, and once its list is long enough chooses the
 // default device and calls devicesChanged:, after the call that brought the news has returned, as
 // an application reacting to the news would.
@@ -15,9 +15,9 @@
 
 namespace qvdevice {
 
-class SimulatedApplication : public QVDeviceObserverDelegate {
+class RecordingApplication : public QVDeviceObserverDelegate {
   public:
-    SimulatedApplication(EventSink& sink, std::optional<int> defaultDevice);
+    RecordingApplication(EventSink& sink, std::optional<int> defaultDevice);
 
     void setObserver(std::weak_ptr<QVDeviceObserver> observer) { observer_ = std::move(observer); }
     std::size_t deviceCount() const { return devices_.size(); }
