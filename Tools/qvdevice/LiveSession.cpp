@@ -1,12 +1,14 @@
 #include "LiveSession.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <optional>
 #include <vector>
 
 #include "Application/QVDeviceObserver.h"
 #include "Application/QVPrioQueue.h"
 #include "FrameworkEventTap.h"
+#include "IOKit/UdevFeeder.h"
 #include "Model/QVDevice.h"
 #include "Recognition/QVDeviceMonitor.h"
 #include "Recognition/QVDeviceMonitorGenericDevRecogn.h"
@@ -53,7 +55,20 @@ struct LiveSession::State {
     std::optional<FrameworkEventTap> tap;  // while started
     std::shared_ptr<RecordingObserver> observer;
     bool started = false;
+    bool answersUdevRunning = false;
 };
+
+namespace {
+
+// umockdev's testbed (umockdev-run, how a recorded stick is replayed) runs no udevd, yet it
+// delivers every uevent of the devices it plays: the feeder is told so, instead of warning that
+// devices plugged in later are not seen.
+bool isUmockdevTestbed() {
+    const char* testbed = std::getenv("UMOCKDEV_DIR");
+    return testbed != nullptr && *testbed != '\0';
+}
+
+}  // namespace
 
 LiveSession::LiveSession(std::ostream& out, LiveSessionOptions options)
     : state_(std::make_unique<State>(out, std::move(options))) {}
@@ -70,6 +85,10 @@ void LiveSession::start() {
     state.started = true;
     LiveEventWriter& writer = state.writer;
     state.tap.emplace(writer);
+    if (isUmockdevTestbed()) {
+        qv::UdevFeeder::setUdevRunningCheck([] { return true; });
+        state.answersUdevRunning = true;
+    }
 
     // The application's side, in the order an application does it. Making the monitor loads the
     // device database, which may raise: then nothing was started, and nothing is left behind.
@@ -78,6 +97,7 @@ void LiveSession::start() {
         monitor = state.options.generic ? QVDeviceMonitorGenericDevRecogn::create()
                                         : QVDeviceMonitor::create();
     } catch (...) {
+        forgetUdevRunningAnswer();
         state.tap.reset();
         state.started = false;
         throw;
@@ -106,7 +126,15 @@ void LiveSession::stop() {
                      qv::Json{{"message", present == 0 ? std::string("no modems found")
                                                        : std::to_string(present) +
                                                              " device(s) present at the end"}});
+    forgetUdevRunningAnswer();
     state.tap.reset();
+}
+
+void LiveSession::forgetUdevRunningAnswer() {
+    if (state_->answersUdevRunning) {
+        qv::UdevFeeder::setUdevRunningCheck({});
+        state_->answersUdevRunning = false;
+    }
 }
 
 }  // namespace qvdevice

@@ -35,6 +35,7 @@ class LiveSession {
     void stop();
 
   private:
+    void forgetUdevRunningAnswer();
     struct State;
     std::unique_ptr<State> state_;
 };

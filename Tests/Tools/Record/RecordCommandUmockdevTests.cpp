@@ -247,6 +247,12 @@ TEST_F(RecordCommandUmockdev, ReplaysAStickPresentAtStartAndOnePluggedAndUnplugg
         GTEST_SKIP() << replayError;
     }
     ASSERT_EQ(replayError, "");
+    // The testbed plays every uevent though no udevd runs: neither run warns that later plugs
+    // go unseen.
+    EXPECT_EQ(run.out.find("udev is not running"), std::string::npos) << run.out;
+    for (const qv::Json& line : replayedLive) {
+        EXPECT_EQ(line.dump().find("udev is not running"), std::string::npos) << line.dump();
+    }
     auto availableOnly = [](std::vector<std::string> calls) {
         std::erase_if(calls, [](const std::string& call) {
             return call.find("\"noteDeviceBecameAvailable:\"") == std::string::npos;
