@@ -6,10 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <deque>
+#include <limits>
 #include <map>
 #include <utility>
 
@@ -21,19 +21,19 @@ namespace qv {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr std::size_t kReadChunk = 4096;
-// A port that floods gives way to the others after this many bytes per turn.
+// A port that floods gives way to the others after this many reads (of kReadChunk bytes at most)
+// per turn.
 constexpr int kReadsPerTurn = 16;
+constexpr double kNever = std::numeric_limits<double>::infinity();
 
-Clock::time_point after(Clock::time_point start, double seconds) {
+// Deadlines are seconds on the engine's clock; a bound that is negative or NaN is due at once, one
+// above a day is a day.
+double after(double start, double seconds) {
     if (!(seconds > 0.0)) {
         seconds = 0.0;
     }
-    seconds = std::min(seconds, 24.0 * 3600.0);
-    return start +
-           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    return start + std::min(seconds, 24.0 * 3600.0);
 }
 
 std::string secondsText(double seconds) {
@@ -86,8 +86,8 @@ struct PortChannel {
     std::string command;
     std::string output;
     double commandTimeout = 0.0;
-    Clock::time_point commandDeadline;
-    Clock::time_point conversationDeadline;
+    double commandDeadline = kNever;
+    double conversationDeadline = kNever;
     bool done = false;
 };
 
@@ -96,7 +96,8 @@ using ChannelPtr = std::unique_ptr<PortChannel>;
 // The engine's work on its own thread, kept apart from the members the other threads touch.
 class EngineLoop {
   public:
-    EngineLoop(const AtEngineOptions& options) : options_(options) {}
+    explicit EngineLoop(const AtEngineOptions& options)
+        : options_(options), clock_(options.clock ? options.clock : PollClock::monotonic()) {}
 
     void add(std::unique_ptr<AtConversation> conversation) {
         std::string key = SerialPort::devicePath(conversation->portPath());
@@ -122,8 +123,7 @@ class EngineLoop {
         });
         std::vector<pollfd> fds{{wakeFd, POLLIN, 0}};
         std::vector<PortChannel*> channels;
-        Clock::time_point now = Clock::now();
-        Clock::time_point next = Clock::time_point::max();
+        double next = kNever;
         for (auto& [key, channel] : active_) {
             short events = POLLIN;
             if (!channel->output.empty()) {
@@ -133,14 +133,13 @@ class EngineLoop {
             channels.push_back(channel.get());
             next = std::min({next, channel->commandDeadline, channel->conversationDeadline});
         }
-        int timeout = -1;
+        double timeout = -1.0;
         if (startable) {
-            timeout = 0;
-        } else if (next != Clock::time_point::max()) {
-            auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - now).count();
-            timeout = static_cast<int>(std::clamp<long long>(wait, 0, 60 * 60 * 1000));
+            timeout = 0.0;
+        } else if (next != kNever) {
+            timeout = std::max(next - clock_->now(), 0.0);
         }
-        int ready = ::poll(fds.data(), fds.size(), timeout);
+        int ready = clock_->poll(fds.data(), fds.size(), timeout);
         if (ready < 0 && errno != EINTR) {
             ready = 0;
         }
@@ -192,7 +191,7 @@ class EngineLoop {
         auto channel = std::make_unique<PortChannel>();
         channel->conversation = std::move(conversation);
         channel->port = std::move(port);
-        channel->conversationDeadline = after(Clock::now(), options_.conversationTimeout);
+        channel->conversationDeadline = after(clock_->now(), options_.conversationTimeout);
         PortChannel& ref = *channel;
         active_[key] = std::move(channel);
         advance(ref, nullptr);
@@ -222,14 +221,14 @@ class EngineLoop {
         }
         channel.command = command->text;
         channel.commandTimeout = command->timeout;
-        channel.commandDeadline = after(Clock::now(), command->timeout);
+        channel.commandDeadline = after(clock_->now(), command->timeout);
         channel.reader.begin(command->text);
         if (command->listenOnly) {
             return;
         }
         channel.output += command->text;
         channel.output += '\r';
-        AtTranscript::commandSent(channel.conversation->portPath(), command->text);
+        AtTranscript::commandSent(channel.conversation->portPath(), command->text, clock_->now());
         flush(channel);
     }
 
@@ -269,7 +268,7 @@ class EngineLoop {
                 if (size > 0) {
                     AtTranscript::bytesReceived(
                         channel.conversation->portPath(),
-                        std::string_view(buffer, static_cast<std::size_t>(size)));
+                        std::string_view(buffer, static_cast<std::size_t>(size)), clock_->now());
                     // The reader takes the whole read: bytes behind a final result are read on
                     // as reports, never as the next command's answer.
                     bool wasWaiting = !channel.reader.complete();
@@ -294,7 +293,7 @@ class EngineLoop {
     }
 
     void checkDeadlines() {
-        Clock::time_point now = Clock::now();
+        double now = clock_->now();
         for (auto& [key, channel] : active_) {
             if (channel->done) {
                 continue;
@@ -313,6 +312,7 @@ class EngineLoop {
     }
 
     const AtEngineOptions& options_;
+    std::shared_ptr<PollClock> clock_;
     std::map<std::string, std::deque<std::unique_ptr<AtConversation>>> waiting_;
     std::map<std::string, ChannelPtr> active_;
 };

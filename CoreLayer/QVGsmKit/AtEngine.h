@@ -5,7 +5,8 @@
 // Time bounds: every command has its own timeout (AtCommand::timeout) and every conversation
 // ends at the latest `conversationTimeout` seconds after its port was opened, with
 // kGsmErrorNoResponse. A port that cannot be opened, is busy, or hangs up (EIO, HUP) ends its
-// conversation with kGsmErrorPortUnavailable. I/O deadlines use the real monotonic clock.
+// conversation with kGsmErrorPortUnavailable. Every deadline and every wait is read from the
+// engine's clock (AtEngineOptions::clock): the monotonic one, or a test's that moves when told.
 //
 // Conversations are finished on the I/O thread, never inside submit(). Destroying the engine
 // finishes every conversation still waiting or running with kGsmErrorNoResponse, then joins.
@@ -18,12 +19,14 @@
 #include <vector>
 
 #include "AtConversation.h"
+#include "RunLoop/PollClock.h"
 
 namespace qv {
 
 struct AtEngineOptions {
     std::vector<std::string> lockDirectories{"/run/lock", "/var/lock"};
     double conversationTimeout = 30.0;
+    std::shared_ptr<PollClock> clock;  // nullptr: PollClock::monotonic()
 };
 
 class AtEngine {

@@ -1,7 +1,6 @@
 #include "AtTranscript.h"
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
 
 namespace qv {
@@ -20,11 +19,6 @@ std::shared_ptr<AtTranscriptListener> listener() {
     return gListener;
 }
 
-double monotonicSeconds() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 }  // namespace
 
 void AtTranscript::setListener(std::shared_ptr<AtTranscriptListener> newListener) {
@@ -33,15 +27,17 @@ void AtTranscript::setListener(std::shared_ptr<AtTranscriptListener> newListener
     gListener = std::move(newListener);
 }
 
-void AtTranscript::commandSent(const std::string& portPath, const std::string& command) {
+void AtTranscript::commandSent(const std::string& portPath, const std::string& command,
+                               double seconds) {
     if (auto current = listener()) {
-        current->commandSent(portPath, command, monotonicSeconds());
+        current->commandSent(portPath, command, seconds);
     }
 }
 
-void AtTranscript::bytesReceived(const std::string& portPath, std::string_view bytes) {
+void AtTranscript::bytesReceived(const std::string& portPath, std::string_view bytes,
+                                 double seconds) {
     if (auto current = listener()) {
-        current->bytesReceived(portPath, bytes, monotonicSeconds());
+        current->bytesReceived(portPath, bytes, seconds);
     }
 }
 

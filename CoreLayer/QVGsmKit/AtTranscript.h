@@ -16,12 +16,12 @@ namespace qv {
 class AtTranscriptListener {
   public:
     virtual ~AtTranscriptListener() = default;
-    // `portPath` is the path the framework asked for ("/dev/cu.ttyUSB2"); `monotonicSeconds` the
-    // steady clock's time.
+    // `portPath` is the path the framework asked for ("/dev/cu.ttyUSB2"); `seconds` the time on
+    // the engine's clock (the monotonic clock unless a test gave the engine its own).
     virtual void commandSent(const std::string& portPath, const std::string& command,
-                             double monotonicSeconds) = 0;
+                             double seconds) = 0;
     virtual void bytesReceived(const std::string& portPath, std::string_view bytes,
-                               double monotonicSeconds) = 0;
+                               double seconds) = 0;
 };
 
 class AtTranscript {
@@ -29,9 +29,10 @@ class AtTranscript {
     // nullptr removes the listener.
     static void setListener(std::shared_ptr<AtTranscriptListener> listener);
 
-    // What the engine calls.
-    static void commandSent(const std::string& portPath, const std::string& command);
-    static void bytesReceived(const std::string& portPath, std::string_view bytes);
+    // What the engine calls, with the time on its clock.
+    static void commandSent(const std::string& portPath, const std::string& command,
+                            double seconds);
+    static void bytesReceived(const std::string& portPath, std::string_view bytes, double seconds);
 };
 
 }  // namespace qv

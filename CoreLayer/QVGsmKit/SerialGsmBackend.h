@@ -32,6 +32,9 @@ struct SerialGsmOptions {
     double commandTimeout = 5.0;
     double requestTimeout = 30.0;
     std::vector<std::string> lockDirectories{"/run/lock", "/var/lock"};
+    // The engine's clock; nullptr: the monotonic one. performAndWait's guard against a stuck I/O
+    // thread waits in real time whatever the clock.
+    std::shared_ptr<PollClock> clock;
 };
 
 enum class SerialGsmRequest { Identify, ModelInformation, GroundInit, DeviceInfo, NetworkInfo };

@@ -186,6 +186,23 @@ TEST(AtRecordedAnswers, ReportCutBehindAFinalResultNeverJoinsTheNextAnswer) {
     std::string answer = "\r\nE173\r\n\r\nOK\r\n";
     EXPECT_TRUE(reader.feed(answer.data(), answer.size()));
     EXPECT_EQ(reader.response().lines, std::vector<std::string>{"E173"});
+
+    // The late answer of a command given up, cut by the next command, has no report prefix to
+    // give it away: begun before that command, it is still not its answer. (A line whose first
+    // character comes after the command cannot be told from its answer: cuts from 3, behind
+    // "\r\nE".)
+    for (std::size_t cut = 3; cut < 7; ++cut) {
+        const std::string late = "\r\nE1750\r\n";
+        AtResponseReader next;
+        next.begin("AT+CGMM");
+        next.standBy();
+        EXPECT_FALSE(next.feed(late.data(), cut));
+        next.begin("AT+CGSN");
+        std::string rest = late.substr(cut) + "\r\n357516032005989\r\n\r\nOK\r\n";
+        EXPECT_TRUE(next.feed(rest.data(), rest.size()));
+        EXPECT_EQ(next.response().lines, std::vector<std::string>{"357516032005989"})
+            << "cut " << cut;
+    }
 }
 
 TEST(AtRecordedAnswers, RegistrationLinesByShapeAndCommand) {

@@ -38,6 +38,13 @@ TEST(ScriptedTimeline, RefusesBadStoriesNamingTheEvent) {
     EXPECT_EQ(parseError(R"({"timeline":[{"at":1,"add":{"entry":{"id":"a","class":"C",
         "properties":{"x":null}}}}]})"),
               "timeline[0].add.entry.properties.x: null is not a property-list value");
+    // In a change, a null at the top takes the key away; deeper down it is still no value.
+    EXPECT_EQ(parseError(R"({"timeline":[{"at":1,"add":{"entry":{"id":"a","class":"C"}}},
+        {"at":2,"set":{"id":"a","properties":{"x":null}}}]})"),
+              "accepted");
+    EXPECT_EQ(parseError(R"({"timeline":[{"at":1,"add":{"entry":{"id":"a","class":"C"}}},
+        {"at":2,"set":{"id":"a","properties":{"x":null,"y":{"z":null}}}}]})"),
+              "timeline[1].set.properties.y.z: null is not a property-list value");
     EXPECT_EQ(parseError(R"({"timeline":[{"at":1,"add":{"entry":{"id":"a","class":"C",
         "properties":{"x":{"$data":"!!"}}}}}]})"),
               "timeline[0].add.entry.properties.x: \"$data\" is not valid base64");

@@ -11,6 +11,7 @@
 #include "Foundation/BoundedFileReader.h"
 #include "Foundation/Task.h"
 #include "GzipTarReader.h"
+#include "HelperCommandLine/HelperCommandLine.h"
 #include "ShellWord.h"
 
 namespace cardprep {
@@ -127,15 +128,11 @@ std::optional<CardPrepOptions> CardPrepCommand::parse(const std::vector<std::str
     *helpWanted = false;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string& argument = arguments[i];
+        // Values follow as words of their own; "--sysfs=DIR" is no option of this program.
         auto value = [&](std::string* out) {
-            if (i + 1 >= arguments.size()) {
-                *error = argument + " needs a value";
-                return false;
-            }
-            *out = arguments[++i];
-            return true;
+            return helpercli::takeOptionValue(arguments, &i, argument, out, error, false);
         };
-        if (argument == "--help" || argument == "-h") {
+        if (helpercli::isHelpOption(argument)) {
             *helpWanted = true;
             return std::nullopt;
         } else if (argument == "--dry-run") {
@@ -174,25 +171,12 @@ std::optional<CardPrepOptions> CardPrepCommand::parse(const std::vector<std::str
 
 int CardPrepCommand::main(const std::vector<std::string>& arguments, std::ostream& out,
                           std::ostream& err) {
-    std::string error;
-    bool helpWanted = false;
-    std::optional<CardPrepOptions> options = parse(arguments, &error, &helpWanted);
-    if (helpWanted) {
-        out << usage();
-        return 0;
-    }
-    if (!options) {
-        err << "CardPrepTool: " << error << "\n";
-        return 2;
-    }
-    return CardPrepCommand(std::move(*options), out, err).run();
+    return helpercli::runProgram<CardPrepCommand, CardPrepOptions>("CardPrepTool", arguments, out,
+                                                                   err);
 }
 
 int CardPrepCommand::fail(const std::string& message) {
-    std::string line = message;
-    std::replace(line.begin(), line.end(), '\n', ' ');
-    err_ << "CardPrepTool: " << line << "\n";
-    return 1;
+    return helpercli::failWithLine(err_, "CardPrepTool", message);
 }
 
 std::string CardPrepCommand::idName() const {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ostream>
 
+#include "HelperCommandLine/HelperCommandLine.h"
 #include "KernelDiskActions.h"
 #include "KernelDiskName.h"
 #include "MountTable.h"
@@ -31,26 +32,6 @@ std::vector<const UDisksClient::Block*> mountedBlocksOf(
         }
     }
     return mounted;
-}
-
-bool takeValue(const std::vector<std::string>& arguments, std::size_t* index,
-               const std::string& option, std::string* value, std::string* error) {
-    const std::string& argument = arguments[*index];
-    if (argument.size() > option.size() && argument.compare(0, option.size(), option) == 0 &&
-        argument[option.size()] == '=') {
-        *value = argument.substr(option.size() + 1);
-        return true;
-    }
-    if (*index + 1 >= arguments.size()) {
-        *error = option + " needs a value";
-        return false;
-    }
-    *value = arguments[++*index];
-    return true;
-}
-
-bool isOption(const std::string& argument, const std::string& option) {
-    return argument == option || argument.rfind(option + "=", 0) == 0;
 }
 
 }  // namespace
@@ -104,21 +85,22 @@ std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std:
             // never taken for an option.
             options.diskName = argument;
             haveName = true;
-        } else if (argument == "--help" || argument == "-h") {
+        } else if (helpercli::isHelpOption(argument)) {
             *helpWanted = true;
             return std::nullopt;
         } else if (argument == "--dry-run") {
             options.dryRun = true;
         } else if (argument == "--no-udisks") {
             options.useUDisks = false;
-        } else if (isOption(argument, "--mountinfo")) {
-            if (!takeValue(arguments, &i, "--mountinfo", &options.mountInfoPath, error)) {
+        } else if (helpercli::isOption(argument, "--mountinfo")) {
+            if (!helpercli::takeOptionValue(arguments, &i, "--mountinfo", &options.mountInfoPath,
+                                            error)) {
                 return std::nullopt;
             }
             options.useUDisks = false;
             overridden = true;
-        } else if (isOption(argument, "--sysfs")) {
-            if (!takeValue(arguments, &i, "--sysfs", &options.sysfsRoot, error)) {
+        } else if (helpercli::isOption(argument, "--sysfs")) {
+            if (!helpercli::takeOptionValue(arguments, &i, "--sysfs", &options.sysfsRoot, error)) {
                 return std::nullopt;
             }
             options.useUDisks = false;
@@ -152,18 +134,8 @@ std::optional<UnmounterOptions> UnmountDiskCommand::parse(const std::vector<std:
 
 int UnmountDiskCommand::main(const std::vector<std::string>& arguments, std::ostream& out,
                              std::ostream& err) {
-    std::string error;
-    bool helpWanted = false;
-    std::optional<UnmounterOptions> options = parse(arguments, &error, &helpWanted);
-    if (helpWanted) {
-        out << usage();
-        return 0;
-    }
-    if (!options) {
-        err << "qv-unmount-disk: " << error << "\n";
-        return 2;
-    }
-    return UnmountDiskCommand(std::move(*options), out, err).run();
+    return helpercli::runProgram<UnmountDiskCommand, UnmounterOptions>("qv-unmount-disk", arguments,
+                                                                       out, err);
 }
 
 std::string UnmountDiskCommand::withPrivilegeAdvice(const std::string& message) {
@@ -178,10 +150,7 @@ std::string UnmountDiskCommand::withPrivilegeAdvice(const std::string& message) 
 }
 
 int UnmountDiskCommand::fail(const std::string& message) {
-    std::string line = message;
-    std::replace(line.begin(), line.end(), '\n', ' ');
-    err_ << "qv-unmount-disk: " << line << "\n";
-    return 1;
+    return helpercli::failWithLine(err_, "qv-unmount-disk", message);
 }
 
 bool UnmountDiskCommand::shouldEject() const {

@@ -31,6 +31,48 @@ bool printable(const std::string& text) {
     return true;
 }
 
+// "replies": command -> a final result ("ERROR"), or the answer's lines, OK added where the last
+// one is no final result. Commands are kept in upper case. The problem in words, or nullopt.
+std::optional<std::string> readReplies(const qv::Json& value,
+                                       std::map<std::string, std::vector<std::string>>& replies) {
+    if (!value.is_object()) {
+        return "\"replies\" must map commands to answers";
+    }
+    for (auto reply = value.begin(); reply != value.end(); ++reply) {
+        std::string where = "replies[\"" + reply.key() + "\"]";
+        std::vector<std::string> lines;
+        if (reply.value().is_string()) {
+            lines.push_back(reply.value().get<std::string>());
+        } else if (reply.value().is_array()) {
+            for (const qv::Json& line : reply.value()) {
+                if (!line.is_string()) {
+                    return where + " must hold strings";
+                }
+                lines.push_back(line.get<std::string>());
+            }
+        } else {
+            return where + " must be a final result or a list of lines";
+        }
+        for (const std::string& line : lines) {
+            if (!printable(line)) {
+                return where + " must hold printable lines";
+            }
+        }
+        if (reply.value().is_string() &&
+            qv::AtResponseReader::finalResultOf(lines.front()) == qv::AtFinal::None) {
+            return where +
+                   ": a single string must be a final result such as "
+                   "\"ERROR\" or \"+CME ERROR: 10\"";
+        }
+        if (lines.empty() ||
+            qv::AtResponseReader::finalResultOf(lines.back()) == qv::AtFinal::None) {
+            lines.push_back("OK");
+        }
+        replies[upper(reply.key())] = std::move(lines);
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 std::optional<ModemProfile> ModemProfile::fromJsonText(const std::string& text,
@@ -146,40 +188,8 @@ std::optional<ModemProfile> ModemProfile::fromJsonText(const std::string& text,
                 lines.push_back(line.get<std::string>());
             }
         } else if (key == "replies") {
-            if (!value.is_object()) {
-                return fail("\"replies\" must map commands to answers");
-            }
-            for (auto reply = value.begin(); reply != value.end(); ++reply) {
-                std::string where = "replies[\"" + reply.key() + "\"]";
-                std::vector<std::string> lines;
-                if (reply.value().is_string()) {
-                    lines.push_back(reply.value().get<std::string>());
-                } else if (reply.value().is_array()) {
-                    for (const qv::Json& line : reply.value()) {
-                        if (!line.is_string()) {
-                            return fail(where + " must hold strings");
-                        }
-                        lines.push_back(line.get<std::string>());
-                    }
-                } else {
-                    return fail(where + " must be a final result or a list of lines");
-                }
-                for (const std::string& line : lines) {
-                    if (!printable(line)) {
-                        return fail(where + " must hold printable lines");
-                    }
-                }
-                if (reply.value().is_string() &&
-                    qv::AtResponseReader::finalResultOf(lines.front()) == qv::AtFinal::None) {
-                    return fail(where +
-                                ": a single string must be a final result such as "
-                                "\"ERROR\" or \"+CME ERROR: 10\"");
-                }
-                if (lines.empty() ||
-                    qv::AtResponseReader::finalResultOf(lines.back()) == qv::AtFinal::None) {
-                    lines.push_back("OK");
-                }
-                profile.replies[upper(reply.key())] = std::move(lines);
+            if (std::optional<std::string> problem = readReplies(value, profile.replies)) {
+                return fail(*problem);
             }
         } else {
             return fail("unknown field \"" + key + "\"");

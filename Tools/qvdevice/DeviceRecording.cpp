@@ -22,6 +22,9 @@ qv::Json DeviceRecording::scenario(double seconds) {
     if (options_.defaultDevice) {
         options["defaultDevice"] = *options_.defaultDevice;
     }
+    if (options_.genericMonitor) {
+        options["monitor"] = "generic";  // the replay watches with the monitor the run had
+    }
     if (!runningApplications_.empty()) {
         options["runningApplications"] = runningApplications_;
     }

@@ -24,6 +24,7 @@ struct DeviceRecordingOptions {
     bool keepIdentifiers = false;
     std::uint64_t maskKey = 0;
     std::optional<int> defaultDevice;  // the application's choice, as `run --default-device`
+    bool genericMonitor = false;       // unknown products of known makers too, as `run --generic`
 };
 
 class DeviceRecording {

@@ -1,5 +1,6 @@
 // qvdevice record OUT.json [--for SECONDS] [--modem] [--device VID:PID] [--keep-identifiers]
-//                           [--umockdev OUT.umockdev] [--default-device N] [--pretty|--json]
+//                           [--umockdev OUT.umockdev] [--default-device N] [--generic]
+//                           [--pretty|--json]
 // Runs the framework live as `qvdevice run` does, printing the same event lines, and writes what
 // happened as a scenario that `qvdevice simulate` replays (docs/reporting-a-device.md).
 #include <glib-unix.h>
@@ -40,6 +41,7 @@ struct RecordOptions {
     bool keepIdentifiers = false;
     std::string umockdev;
     int defaultDevice = -1;
+    bool generic = false;
     bool pretty = false;
     bool json = false;
 };
@@ -153,6 +155,8 @@ int record(const RecordOptions& options, CommandContext& context) {
         session.defaultDevice = options.defaultDevice;
         recordingOptions.defaultDevice = options.defaultDevice;
     }
+    session.generic = options.generic;
+    recordingOptions.genericMonitor = options.generic;
     session.pretty = wantsPrettyLines(options.pretty, options.json, context.out);
     int code = 0;
     {
@@ -225,6 +229,8 @@ void addRecordCommand(CLI::App& app, CommandContext& context) {
         ->add_option("--default-device", options->defaultDevice,
                      "the application chooses this device (0 = first) and initialises its modem")
         ->check(CLI::Range(0, 1000));
+    command->add_flag("--generic", options->generic,
+                      "also recognise unknown products of known makers, as `run --generic`");
     auto* pretty = command->add_flag("--pretty", options->pretty,
                                      "aligned human-readable lines (the default on a terminal)");
     command->add_flag("--json", options->json, "JSON lines (the default into a pipe or file)")

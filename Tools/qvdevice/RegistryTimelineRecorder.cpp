@@ -105,15 +105,21 @@ void RegistryTimelineRecorder::compare(const View& view, double at) {
     Known& known = known_[view.handle];
     const std::string id = known.id;
 
-    // Properties: what is new or different. (A key that disappeared cannot be said in a
-    // timeline; the framework reads none of the keys the feeder ever takes away but "Driver"
-    // of an unbound interface.)
+    // Properties: what is new or different, and as null what disappeared (a driver unbound).
     qv::Value changed{qv::Dictionary{}};
-    if (const qv::Dictionary* now = view.properties.asDictionary()) {
+    const qv::Dictionary* now = view.properties.asDictionary();
+    if (now != nullptr) {
         for (const auto& [key, value] : *now) {
             const qv::Value& before = known.properties[key];
             if (!(before == value)) {
                 changed.set(key, value);
+            }
+        }
+    }
+    if (const qv::Dictionary* before = known.properties.asDictionary()) {
+        for (const auto& [key, value] : *before) {
+            if (!value.isNil() && (now == nullptr || !now->contains(key))) {
+                changed.set(key, qv::Value());
             }
         }
     }

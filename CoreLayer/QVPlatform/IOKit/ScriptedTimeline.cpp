@@ -68,6 +68,29 @@ class Parser {
         return true;
     }
 
+    // A change may also take a key away: `null` there removes it (nil removes in the registry).
+    bool readChangedProperties(const Json& json, const std::string& where, Value& out) {
+        if (!json.is_object()) {
+            return fail(where, "properties must be an object");
+        }
+        Json present = Json::object();
+        std::vector<std::string> removed;
+        for (const auto& [key, value] : json.items()) {
+            if (value.is_null()) {
+                removed.push_back(key);
+            } else {
+                present[key] = value;
+            }
+        }
+        if (!readProperties(present, where, out)) {
+            return false;
+        }
+        for (const std::string& key : removed) {
+            out.set(key, Value());
+        }
+        return true;
+    }
+
     bool readEntry(const Json& json, const std::string& where, int depth,
                    ScriptedTimeline::Entry& entry) {
         if (depth > kMaxEntryDepth) {
@@ -183,7 +206,8 @@ class Parser {
             if (!set.contains("properties")) {
                 return fail(where + ".set", "needs \"properties\"");
             }
-            return readProperties(set["properties"], where + ".set.properties", event.properties);
+            return readChangedProperties(set["properties"], where + ".set.properties",
+                                         event.properties);
         }
         event.kind = ScriptedTimeline::Event::Kind::Remove;
         return readId(json["remove"], where + ".remove", event.id);

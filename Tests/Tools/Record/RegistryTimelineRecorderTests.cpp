@@ -1,9 +1,10 @@
 // The recorder turns registry changes into a timeline that the scripted feeder accepts and that
 // rebuilds the same tree: devices whole at their first sight, later changes below them, removals,
-// the --device filter, and masked properties.
+// the --device filter, masked properties, and properties taken away.
 #include <gtest/gtest.h>
 
 #include "IOKit/Registry.h"
+#include "IOKit/ScriptedFeeder.h"
 #include "IOKit/ScriptedTimeline.h"
 #include "qvdevice/IdentifierMasker.h"
 #include "qvdevice/RegistryTimelineRecorder.h"
@@ -87,6 +88,50 @@ TEST(RegistryTimelineRecorder, RecordsDevicesWholeThenTheirChangesAndRemovalsAsA
     auto timeline = qv::ScriptedTimeline::fromJson(qv::Json{{"timeline", events}}, &error);
     ASSERT_TRUE(timeline) << error;
     EXPECT_EQ(timeline->events().size(), 5u);
+}
+
+TEST(RegistryTimelineRecorder, APropertyTakenAwayIsReplayedAsGone) {
+    qv::Registry registry;
+    auto stick = addStick(registry, 0x1406, 0x01200000, {"ttyUSB0"});
+    auto interface = registry.entryChildren(stick)[0];
+    qv::Value bound{qv::Dictionary{}};
+    bound.set("Driver", "option");
+    bound.set("CFBundleIdentifier", "org.kernel.option");
+    registry.setProperties(interface, bound);
+    RegistryTimelineRecorder recorder(registry, std::nullopt, nullptr);
+    recorder.record(0.0);
+    // The driver lets go of the interface; its bundle name stays, another key comes.
+    qv::Value unbound{qv::Dictionary{}};
+    unbound.set("Driver", qv::Value());
+    unbound.set("bInterfaceClass", 255);
+    registry.setProperties(interface, unbound);
+    recorder.record(1.0);
+    recorder.record(2.0);  // taken away once, written once
+
+    const qv::Json& events = recorder.timeline();
+    ASSERT_EQ(events.size(), 2u) << events.dump(1);
+    const qv::Json& changed = events[1]["set"]["properties"];
+    EXPECT_EQ(changed.size(), 2u) << changed.dump();
+    EXPECT_TRUE(changed.contains("Driver") && changed["Driver"].is_null()) << changed.dump();
+    EXPECT_EQ(changed["bInterfaceClass"], 255);
+
+    // Played back, the key is there first and gone after the change; the rest stays.
+    std::string error;
+    auto timeline = qv::ScriptedTimeline::fromJson(qv::Json{{"timeline", events}}, &error);
+    ASSERT_TRUE(timeline) << error;
+    qv::Registry replayed;
+    qv::ScriptedFeeder feeder(replayed, *timeline);
+    const std::string id = events[0]["add"]["entry"]["children"][0]["id"].get<std::string>();
+    feeder.apply(timeline->events()[0]);
+    const qv::Value* before = replayed.entryProperties(feeder.handleFor(id));
+    ASSERT_NE(before, nullptr);
+    EXPECT_EQ((*before)["Driver"], qv::Value("option"));
+    feeder.apply(timeline->events()[1]);
+    const qv::Value* after = replayed.entryProperties(feeder.handleFor(id));
+    ASSERT_NE(after, nullptr);
+    EXPECT_TRUE((*after)["Driver"].isNil());
+    EXPECT_EQ((*after)["CFBundleIdentifier"], qv::Value("org.kernel.option"));
+    EXPECT_EQ((*after)["bInterfaceClass"].intValue(), 255);
 }
 
 TEST(RegistryTimelineRecorder, KeepsOnlyTheChosenDeviceAndMasksItsProperties) {
