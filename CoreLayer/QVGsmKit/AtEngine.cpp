@@ -1,7 +1,6 @@
 #include "AtEngine.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,24 +44,33 @@ std::string secondsText(double seconds) {
 }  // namespace
 
 AtEngine::AtEngine(AtEngineOptions options) : options_(std::move(options)) {
-    wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    thread_ = std::thread([this]() { run(); });
+    // Without a wake descriptor the thread could never be told to stop or to look at new work.
+    if (wake_.isOpen()) {
+        thread_ = std::thread([this]() { run(); });
+    }
 }
 
 AtEngine::~AtEngine() {
+    if (!thread_.joinable()) {
+        return;
+    }
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopping_ = true;
     }
     wake();
     thread_.join();
-    if (wakeFd_ >= 0) {
-        ::close(wakeFd_);
-    }
 }
 
 void AtEngine::submit(std::unique_ptr<AtConversation> conversation) {
     if (!conversation) {
+        return;
+    }
+    if (!wake_.isOpen()) {
+        conversation->finish(kGsmErrorPortUnavailable,
+                             conversation->portPath() +
+                                 ": the AT engine cannot run, it has no wake-up descriptor (" +
+                                 wake_.failure() + ")");
         return;
     }
     {
@@ -73,8 +81,7 @@ void AtEngine::submit(std::unique_ptr<AtConversation> conversation) {
 }
 
 void AtEngine::wake() {
-    std::uint64_t one = 1;
-    [[maybe_unused]] ssize_t written = ::write(wakeFd_, &one, sizeof one);
+    wake_.notify();
 }
 
 namespace {
@@ -334,7 +341,7 @@ void AtEngine::run() {
             loop.add(std::move(conversation));
         }
         loop.activateWaiting();
-        loop.turn(wakeFd_);
+        loop.turn(wake_.readFd());
     }
     std::vector<std::unique_ptr<AtConversation>> left;
     {

@@ -8,8 +8,11 @@
 // conversation with kGsmErrorPortUnavailable. Every deadline and every wait is read from the
 // engine's clock (AtEngineOptions::clock): the monotonic one, or a test's that moves when told.
 //
-// Conversations are finished on the I/O thread, never inside submit(). Destroying the engine
-// finishes every conversation still waiting or running with kGsmErrorNoResponse, then joins.
+// Conversations are finished on the I/O thread, never inside submit(), with one exception: an
+// engine that could not open the descriptor that wakes its thread (out of descriptors) runs no
+// thread and refuses every conversation at once, in submit(), with kGsmErrorPortUnavailable and
+// the reason. Destroying the engine finishes every conversation still waiting or running with
+// kGsmErrorNoResponse, then joins.
 #pragma once
 
 #include <memory>
@@ -20,6 +23,7 @@
 
 #include "AtConversation.h"
 #include "RunLoop/PollClock.h"
+#include "WakeChannel.h"
 
 namespace qv {
 
@@ -44,7 +48,7 @@ class AtEngine {
     void wake();
 
     AtEngineOptions options_;
-    int wakeFd_ = -1;
+    WakeChannel wake_;
     std::mutex mutex_;
     std::vector<std::unique_ptr<AtConversation>> incoming_;
     bool stopping_ = false;

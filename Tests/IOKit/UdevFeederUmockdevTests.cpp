@@ -66,7 +66,7 @@ TEST_F(UdevFeederUmockdev, EnumeratesAStickThenFollowsItsEvents) {
 
     qv::Registry registry;
     qv::UdevFeeder feeder(registry);
-    ASSERT_TRUE(feeder.start());
+    ASSERT_EQ(feeder.start(), qv::UdevFeeder::StartResult::Started);
     qv::Registry::EntryView root = registry.tree();
     ASSERT_EQ(root.children.size(), 1u);
     const qv::Registry::EntryView& stick = root.children[0];
@@ -114,7 +114,7 @@ TEST_F(UdevFeederUmockdev, EnumeratesAStickThenFollowsItsEvents) {
 TEST_F(UdevFeederUmockdev, AHotPluggedStickEntersWhenSettledInInterfaceOrder) {
     qv::Registry registry;
     qv::UdevFeeder feeder(registry);
-    ASSERT_TRUE(feeder.start());
+    ASSERT_EQ(feeder.start(), qv::UdevFeeder::StartResult::Started);
     GMainContext* context = g_main_context_new();
     {
         auto loop = std::make_shared<qv::GLibRunLoop>(context);
@@ -212,7 +212,7 @@ TEST_F(UdevFeederUmockdev, AHotPluggedStickEntersWhenSettledInInterfaceOrder) {
 TEST_F(UdevFeederUmockdev, AStickWhoseInterfacesAreAllBoundEntersAtOnceWithoutWaiting) {
     qv::Registry registry;
     qv::UdevFeeder feeder(registry);
-    ASSERT_TRUE(feeder.start());
+    ASSERT_EQ(feeder.start(), qv::UdevFeeder::StartResult::Started);
     GMainContext* context = g_main_context_new();
     {
         auto loop = std::make_shared<qv::GLibRunLoop>(context);

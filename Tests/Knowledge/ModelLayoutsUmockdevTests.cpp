@@ -109,7 +109,7 @@ TEST_F(ModelLayoutsUmockdev, DataAndControlLandOnTheModelsTTYs) {
         qv::Registry::resetShared();
         const std::string stickPath = addStick(model, bus);
         qv::UdevFeeder feeder(qv::Registry::shared());
-        ASSERT_TRUE(feeder.start(false));
+        ASSERT_EQ(feeder.start(false), qv::UdevFeeder::StartResult::Started);
         io_registry_entry_t entry = feeder.handleFor(stickPath);
         ASSERT_NE(entry, IO_OBJECT_NULL);
         auto ioDevice = QVIODevice::deviceWithServiceEntry(entry);

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "IOKit/UdevFeeder.h"
+
 class UmockdevTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -19,8 +21,11 @@ class UmockdevTest : public ::testing::Test {
         }
         testbed_ = umockdev_testbed_new();
         ASSERT_TRUE(umockdev_in_mock_environment());
+        // The testbed sends the monitor its events itself: there is no daemon to ask.
+        qv::UdevFeeder::setUdevRunningCheck([] { return true; });
     }
     void TearDown() override {
+        qv::UdevFeeder::setUdevRunningCheck({});
         if (testbed_ != nullptr) {
             g_object_unref(testbed_);
             testbed_ = nullptr;

@@ -42,8 +42,10 @@ int runList(bool json, CommandContext& context) {
     qv::Registry::resetShared();
     qv::Registry& registry = qv::Registry::shared();
     qv::UdevFeeder feeder(registry);
-    if (!feeder.start(false)) {
-        context.err << "qvdevice list: cannot read devices from udev\n";
+    qv::UdevFeeder::StartResult started = feeder.start(false);
+    if (started != qv::UdevFeeder::StartResult::Started) {
+        context.err << "qvdevice list: cannot read devices from udev: "
+                    << qv::UdevFeeder::describe(started) << "\n";
         return 1;
     }
     qv::Registry::EntryView tree = registry.tree();

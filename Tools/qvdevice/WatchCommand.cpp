@@ -44,7 +44,13 @@ int runWatch(CommandContext& context) {
         line["properties"] = qv::jsonFromValue(*registry.entryProperties(entry));
         context.out << line.dump() << std::endl;
     });
-    if (!feeder.start() || !feeder.watchOn(*loop)) {
+    qv::UdevFeeder::StartResult started = feeder.start();
+    if (started != qv::UdevFeeder::StartResult::Started) {
+        context.err << "qvdevice watch: cannot follow udev events: "
+                    << qv::UdevFeeder::describe(started) << "\n";
+        return 1;
+    }
+    if (!feeder.watchOn(*loop)) {
         context.err << "qvdevice watch: cannot follow udev events\n";
         return 1;
     }

@@ -1,18 +1,15 @@
 #include "UdevFeeder.h"
 
-#include <glib-unix.h>
 #include <libudev.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <exception>
+#include <mutex>
 #include <set>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "Foundation/Logging.h"
-#include "RunLoop/GLibRunLoop.h"
 #include "UdevMapping.h"
 
 namespace qv {
@@ -52,61 +49,16 @@ UdevDeviceFacts factsOf(udev_device* device) {
     return facts;
 }
 
-gboolean monitorReadable(gint /*fd*/, GIOCondition /*condition*/, gpointer feeder) {
-    // GLib's C frames cannot carry an exception: the host loop has nobody to report it to.
-    try {
-        static_cast<UdevFeeder*>(feeder)->processPendingEvents();
-    } catch (const std::exception& error) {
-        logToSystemLog(std::string("Uncaught exception in the udev feeder: ") + error.what());
-    }
-    return G_SOURCE_CONTINUE;
-}
-
-// "bNumInterfaces" as sysfs shows it (" 3"): the count, or 0 when absent or malformed.
-unsigned declaredInterfaces(const UdevDeviceFacts& facts) {
-    auto it = facts.attributes.find("bNumInterfaces");
-    if (it == facts.attributes.end()) {
-        return 0;
-    }
-    std::string_view digits = it->second;
-    while (!digits.empty() && (digits.front() == ' ' || digits.front() == '\t')) {
-        digits.remove_prefix(1);
-    }
-    while (!digits.empty() && (digits.back() == ' ' || digits.back() == '\n')) {
-        digits.remove_suffix(1);
-    }
-    if (digits.empty() || digits.size() > 3) {
-        return 0;
-    }
-    unsigned count = 0;
-    for (char c : digits) {
-        if (c < '0' || c > '9') {
-            return 0;
-        }
-        count = count * 10 + static_cast<unsigned>(c - '0');
-    }
-    return count;
-}
-
-bool isBelow(const std::string& path, const std::string& ancestor) {
-    return path.size() > ancestor.size() && path.compare(0, ancestor.size(), ancestor) == 0 &&
-           path[ancestor.size()] == '/';
-}
+std::mutex gUdevRunningMutex;
+std::function<bool()> gUdevRunningCheck;
 
 }  // namespace
 
 UdevFeeder::UdevFeeder(Registry& registry) : registry_(registry) {}
 
 UdevFeeder::~UdevFeeder() {
-    for (auto& [path, device] : settling_) {
-        if (device.timer) {
-            device.timer->invalidate();
-        }
-    }
-    if (watch_ != nullptr) {
-        g_source_destroy(watch_);
-        g_source_unref(watch_);
-    }
+    settle_.reset();
+    watch_.reset();
     if (monitor_ != nullptr) {
         udev_monitor_unref(monitor_);
     }
@@ -115,15 +67,32 @@ UdevFeeder::~UdevFeeder() {
     }
 }
 
+const char* UdevFeeder::describe(StartResult result) {
+    switch (result) {
+        case StartResult::Started:
+            return "";
+        case StartResult::NoUdev:
+            return "udev could not be opened";
+        case StartResult::EnumerationFailed:
+            return "the udev device enumeration failed";
+        case StartResult::MonitorFailed:
+            return "the udev monitor could not be opened";
+    }
+    return "";
+}
+
 void UdevFeeder::setSettleTimes(double quietTime, double longest) {
     quietTime_ = std::max(0.0, quietTime);
     longestSettle_ = std::max(quietTime_, longest);
+    if (settle_) {
+        settle_->setTimes(quietTime_, longestSettle_);
+    }
 }
 
-bool UdevFeeder::start(bool monitor) {
+UdevFeeder::StartResult UdevFeeder::start(bool monitor) {
     udev_ = udev_ != nullptr ? udev_ : udev_new();
     if (udev_ == nullptr) {
-        return false;
+        return StartResult::NoUdev;
     }
     bool monitoring = false;
     if (monitor && monitor_ == nullptr) {
@@ -142,12 +111,15 @@ bool UdevFeeder::start(bool monitor) {
 
     udev_enumerate* enumerate = udev_enumerate_new(udev_);
     if (enumerate == nullptr) {
-        return false;
+        return StartResult::EnumerationFailed;
     }
     for (const char* subsystem : kSubsystems) {
         udev_enumerate_add_match_subsystem(enumerate, subsystem);
     }
-    udev_enumerate_scan_devices(enumerate);
+    if (udev_enumerate_scan_devices(enumerate) < 0) {
+        udev_enumerate_unref(enumerate);
+        return StartResult::EnumerationFailed;
+    }
     std::vector<std::string> paths;
     udev_list_entry* item = nullptr;
     udev_list_entry_foreach(item, udev_enumerate_get_list_entry(enumerate)) {
@@ -162,18 +134,27 @@ bool UdevFeeder::start(bool monitor) {
             udev_device_unref(device);
         }
     }
-    return !monitor || monitoring;
+    return !monitor || monitoring ? StartResult::Started : StartResult::MonitorFailed;
 }
 
 bool UdevFeeder::watchOn(RunLoop& loop) {
-    auto* glibLoop = dynamic_cast<GLibRunLoop*>(&loop);
-    if (monitor_ == nullptr || glibLoop == nullptr || watch_ != nullptr) {
+    if (monitor_ == nullptr || watch_ != nullptr) {
         return false;
     }
-    loop_ = &loop;
-    watch_ = g_unix_fd_source_new(udev_monitor_get_fd(monitor_), G_IO_IN);
-    g_source_set_callback(watch_, G_SOURCE_FUNC(monitorReadable), this, nullptr);
-    g_source_attach(watch_, glibLoop->context());
+    watch_ = loop.watchReadable(udev_monitor_get_fd(monitor_), [this]() {
+        // The host loop has nobody to report a failure to.
+        try {
+            processPendingEvents();
+        } catch (const std::exception& error) {
+            logToSystemLog(std::string("Uncaught exception in the udev feeder: ") + error.what());
+        }
+    });
+    if (!watch_) {
+        return false;
+    }
+    settle_ = std::make_unique<UsbSettleRule>(
+        loop, [this](std::vector<UsbSettleRule::Node> nodes) { publish(std::move(nodes)); });
+    settle_->setTimes(quietTime_, longestSettle_);
     return true;
 }
 
@@ -192,9 +173,11 @@ bool UdevFeeder::isUdevRunning() const {
     if (udev_ == nullptr) {
         return false;
     }
-    // umockdev's testbed sends the monitor its events itself, with no daemon behind them.
-    if (std::getenv("UMOCKDEV_DIR") != nullptr) {
-        return true;
+    {
+        std::lock_guard<std::mutex> lock(gUdevRunningMutex);
+        if (gUdevRunningCheck) {
+            return gUdevRunningCheck();
+        }
     }
     udev_queue* queue = udev_queue_new(udev_);
     bool active = queue != nullptr && udev_queue_get_udev_is_active(queue) != 0;
@@ -202,6 +185,11 @@ bool UdevFeeder::isUdevRunning() const {
         udev_queue_unref(queue);
     }
     return active;
+}
+
+void UdevFeeder::setUdevRunningCheck(std::function<bool()> check) {
+    std::lock_guard<std::mutex> lock(gUdevRunningMutex);
+    gUdevRunningCheck = std::move(check);
 }
 
 io_registry_entry_t UdevFeeder::handleFor(const std::string& sysPath) const {
@@ -283,17 +271,6 @@ bool UdevFeeder::refreshKnown(const std::string& sysPath, const UdevDeviceFacts&
     return true;
 }
 
-UdevFeeder::SettlingDevice* UdevFeeder::settlingDeviceOf(const std::string& sysPath,
-                                                         std::string* devicePath) {
-    for (auto& [path, device] : settling_) {
-        if (path == sysPath || isBelow(sysPath, path)) {
-            *devicePath = path;
-            return &device;
-        }
-    }
-    return nullptr;
-}
-
 void UdevFeeder::add(udev_device* device, bool hotPlug) {
     std::string sysPath = text(udev_device_get_syspath(device));
     UdevDeviceFacts facts = factsOf(device);
@@ -304,73 +281,18 @@ void UdevFeeder::add(udev_device* device, bool hotPlug) {
     if (refreshKnown(sysPath, facts, *description)) {
         return;
     }
-    std::string devicePath;
-    if (SettlingDevice* settling = settlingDeviceOf(sysPath, &devicePath)) {
-        settling->nodes[sysPath] = Node{facts, std::move(*description)};
-        if (hasSettled(devicePath, *settling)) {
-            publish(devicePath);
-        } else {
-            armSettleTimer(devicePath, *settling);
-        }
-        return;
-    }
-    // Every hot-plugged USB device settles, one behind a hub as much as one in a root port.
-    if (hotPlug && loop_ != nullptr && description->className == "IOUSBDevice") {
-        SettlingDevice& settling = settling_[sysPath];
-        settling.declaredInterfaces = declaredInterfaces(facts);
-        settling.firstEvent = loop_->now();
-        settling.nodes[sysPath] = Node{facts, std::move(*description)};
-        armSettleTimer(sysPath, settling);
+    if (settle_ && settle_->offer(sysPath, facts, hotPlug)) {
         return;
     }
     addNow(sysPath, facts, std::move(*description));
 }
 
-bool UdevFeeder::hasSettled(const std::string& devicePath, const SettlingDevice& device) const {
-    if (device.declaredInterfaces == 0) {
-        return false;
-    }
-    unsigned bound = 0;
-    for (const auto& [path, node] : device.nodes) {
-        if (node.description.className != "IOUSBInterface" || parentSysPath(path) != devicePath) {
-            continue;
+void UdevFeeder::publish(std::vector<UsbSettleRule::Node> nodes) {
+    // The device, then each interface followed by its functions.
+    for (auto& node : nodes) {
+        if (auto description = describeUdevDevice(node.facts)) {
+            addNow(node.sysPath, node.facts, std::move(*description));
         }
-        if (node.facts.driver.empty()) {
-            return false;
-        }
-        ++bound;
-    }
-    return bound >= device.declaredInterfaces;
-}
-
-void UdevFeeder::armSettleTimer(const std::string& devicePath, SettlingDevice& device) {
-    if (device.timer) {
-        device.timer->invalidate();
-    }
-    double now = loop_->now();
-    double delay = std::min(quietTime_, device.firstEvent + longestSettle_ - now);
-    std::weak_ptr<int> alive = lifetime_;
-    device.timer =
-        loop_->scheduleTimer(std::max(0.0, delay), false, [this, alive, devicePath](Timer&) {
-            if (!alive.expired() && settling_.count(devicePath) != 0) {
-                publish(devicePath);
-            }
-        });
-}
-
-void UdevFeeder::publish(const std::string& devicePath) {
-    auto it = settling_.find(devicePath);
-    if (it == settling_.end()) {
-        return;
-    }
-    SettlingDevice device = std::move(it->second);
-    settling_.erase(it);
-    if (device.timer) {
-        device.timer->invalidate();
-    }
-    // The map is in sysfs order: the device, then each interface followed by its functions.
-    for (auto& [path, node] : device.nodes) {
-        addNow(path, node.facts, std::move(node.description));
     }
 }
 
@@ -407,19 +329,8 @@ void UdevFeeder::addNow(const std::string& sysPath, const UdevDeviceFacts& facts
 }
 
 void UdevFeeder::remove(const std::string& sysPath) {
-    std::string devicePath;
-    if (SettlingDevice* settling = settlingDeviceOf(sysPath, &devicePath)) {
-        // Gone before it was ever announced: nobody hears of it.
-        if (devicePath == sysPath) {
-            if (settling->timer) {
-                settling->timer->invalidate();
-            }
-            settling_.erase(devicePath);
-            return;
-        }
-        std::erase_if(settling->nodes, [&](const auto& node) {
-            return node.first == sysPath || isBelow(node.first, sysPath);
-        });
+    // Gone before it was ever announced: nobody hears of it.
+    if (settle_ && settle_->remove(sysPath)) {
         return;
     }
     io_registry_entry_t handle = handleFor(sysPath);
@@ -442,12 +353,9 @@ void UdevFeeder::remove(const std::string& sysPath) {
 }
 
 void UdevFeeder::removeAll() {
-    for (auto& [path, device] : settling_) {
-        if (device.timer) {
-            device.timer->invalidate();
-        }
+    if (settle_) {
+        settle_->clear();
     }
-    settling_.clear();
     for (io_registry_entry_t device : registry_.entryChildren(registry_.root())) {
         if (paths_.count(device) != 0) {
             registry_.removeEntry(device);

@@ -4,15 +4,11 @@
 // Like every feeder it only adds, changes and removes entries; the registry's notification ports
 // deliver what that causes.
 //
-// Settling. udev handles the interfaces of a new USB device in parallel, so their events come in
-// any order and over some milliseconds. A snapshot taken in between would show a partial port list
-// with later ports shifted into earlier positions, and "ByPortNumber" picks ports by position. So
-// a hot-plugged USB device is held back, with everything that appears below it, until it has
-// settled: every interface it declares ("bNumInterfaces") is present and bound to a driver, or no
-// event touched it for the quiet time, or the longest wait ran out. Then the device and its
-// functions enter the registry at once, in interface-number order, and the device's matching
-// notification follows. Devices present at start are complete already and enter at once.
-// Whatever appears later below a published device is inserted at its place in that order.
+// A hot-plugged USB device is held back with everything that appears below it until it has
+// settled (UsbSettleRule says when), then enters the registry at once, in interface-number order,
+// and the device's matching notification follows. Devices present at start are complete already
+// and enter at once. Whatever appears later below a published device is inserted at its place in
+// that order.
 //
 // Owned by the thread whose run loop it monitors on.
 #pragma once
@@ -26,11 +22,11 @@
 #include "Registry.h"
 #include "RunLoop/RunLoop.h"
 #include "UdevMapping.h"
+#include "UsbSettleRule.h"
 
 struct udev;
 struct udev_device;
 struct udev_monitor;
-typedef struct _GSource GSource;
 
 namespace qv {
 
@@ -39,10 +35,14 @@ class UdevFeeder {
     // Called after an entry was added (added = true) and just before one is removed.
     using EventObserver = std::function<void(bool added, io_registry_entry_t entry)>;
 
-    // Seconds without an event after which a device that is not fully bound counts as settled,
-    // and the longest a device is ever held back.
-    static constexpr double kDefaultQuietTime = 0.25;
-    static constexpr double kDefaultLongestSettle = 3.0;
+    static constexpr double kDefaultQuietTime = UsbSettleRule::kDefaultQuietTime;
+    static constexpr double kDefaultLongestSettle = UsbSettleRule::kDefaultLongestSettle;
+
+    // What start() managed. On EnumerationFailed the monitor, when asked for, may still be open
+    // (watchOn() says); on MonitorFailed the devices present now were added.
+    enum class StartResult { Started, NoUdev, EnumerationFailed, MonitorFailed };
+    // The failure in words ("the udev monitor could not be opened"); empty for Started.
+    static const char* describe(StartResult result);
 
     explicit UdevFeeder(Registry& registry);
     ~UdevFeeder();
@@ -50,12 +50,10 @@ class UdevFeeder {
     UdevFeeder& operator=(const UdevFeeder&) = delete;
 
     // Opens the monitor first (so nothing plugged in meanwhile is lost), then adds every device
-    // present now. With `monitor` false only the enumeration happens. False when udev or its
-    // monitor is unavailable; the enumeration still happens when only the monitor failed.
-    bool start(bool monitor = true);
-    // Watches the monitor on `loop`, which must be a GLib run loop (the virtual one has no file
-    // descriptors); the settle timers run there too. False when there is no monitor or the loop
-    // is not a GLib one.
+    // present now. With `monitor` false only the enumeration happens.
+    StartResult start(bool monitor = true);
+    // Watches the monitor's descriptor on `loop`; the settle timers run there too. False when
+    // there is no monitor or it is watched already.
     bool watchOn(RunLoop& loop);
     // Applies every event waiting on the monitor now (what the loop's watch calls). Without a
     // loop to time the quiet period on, devices are published as soon as they appear.
@@ -71,39 +69,24 @@ class UdevFeeder {
     io_registry_entry_t handleFor(const std::string& sysPath) const;
     // Whether libudev could be opened at all (start() says whether hot-plug is followed).
     bool hasUdev() const { return udev_ != nullptr; }
-    // Whether the udev daemon runs: without it the monitor opens but never hears an event.
+    // Whether the udev daemon runs: without it the monitor opens but never hears an event. Asks
+    // udev's queue (whether the daemon's control socket exists) unless a check is installed.
     bool isUdevRunning() const;
+    // Installs a process-wide answer for isUdevRunning(): tests on a fake sysfs, where umockdev
+    // sends the monitor its events itself with no daemon behind them. Empty restores udev's own.
+    static void setUdevRunningCheck(std::function<bool()> check);
     // Hot-plugged USB devices not published yet.
-    std::size_t settlingDeviceCount() const { return settling_.size(); }
+    std::size_t settlingDeviceCount() const { return settle_ ? settle_->settlingCount() : 0; }
 
   private:
-    struct Node {
-        UdevDeviceFacts facts;
-        RegistryEntryDescription description;
-    };
-    struct SysPathLess {
-        bool operator()(const std::string& a, const std::string& b) const {
-            return sysPathOrderLess(a, b);
-        }
-    };
-    struct SettlingDevice {
-        std::map<std::string, Node, SysPathLess> nodes;  // the device itself and what is below
-        unsigned declaredInterfaces = 0;                 // 0: the device did not say
-        double firstEvent = 0.0;
-        std::shared_ptr<Timer> timer;
-    };
-
     void apply(udev_device* device, const std::string& action);
     void add(udev_device* device, bool hotPlug);
     void addNow(const std::string& sysPath, const UdevDeviceFacts& facts,
                 RegistryEntryDescription description);
+    void publish(std::vector<UsbSettleRule::Node> nodes);
     void remove(const std::string& sysPath);
     bool refreshKnown(const std::string& sysPath, const UdevDeviceFacts& facts,
                       RegistryEntryDescription description);
-    SettlingDevice* settlingDeviceOf(const std::string& sysPath, std::string* devicePath);
-    bool hasSettled(const std::string& devicePath, const SettlingDevice& device) const;
-    void armSettleTimer(const std::string& devicePath, SettlingDevice& device);
-    void publish(const std::string& devicePath);
     io_registry_entry_t nearestKnownAncestor(const std::string& sysPath) const;
     io_registry_entry_t siblingAfter(io_registry_entry_t parent, const std::string& sysPath) const;
     void makeLocationIDUnique(Value& properties) const;
@@ -111,15 +94,13 @@ class UdevFeeder {
     Registry& registry_;
     struct udev* udev_ = nullptr;
     udev_monitor* monitor_ = nullptr;
-    GSource* watch_ = nullptr;
-    RunLoop* loop_ = nullptr;
     double quietTime_ = kDefaultQuietTime;
     double longestSettle_ = kDefaultLongestSettle;
+    std::unique_ptr<UsbSettleRule> settle_;  // made by watchOn(): settling needs a loop's timers
+    std::unique_ptr<FileDescriptorWatch> watch_;
     std::map<std::string, io_registry_entry_t> handles_;
     std::map<io_registry_entry_t, std::string> paths_;
-    std::map<std::string, SettlingDevice, SysPathLess> settling_;
     EventObserver observer_;
-    std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
 };
 
 }  // namespace qv

@@ -1,5 +1,7 @@
 #include "GLibRunLoop.h"
 
+#include <glib-unix.h>
+
 #include <climits>
 #include <cmath>
 #include <utility>
@@ -75,6 +77,48 @@ struct GLibRunLoop::SchedulerSource {
                                         nullptr};
 };
 
+class GLibRunLoop::DescriptorWatch : public FileDescriptorWatch {
+  public:
+    DescriptorWatch(GLibRunLoop& loop, int fd, std::function<void()> readable)
+        : loop_(&loop),
+          alive_(loop.lifetime_),
+          context_(g_main_context_ref(loop.context_)),
+          readable_(std::move(readable)),
+          source_(g_unix_fd_source_new(fd, G_IO_IN)) {
+        g_source_set_name(source_, "qv-descriptor-watch");
+        g_source_set_callback(source_, G_SOURCE_FUNC(&DescriptorWatch::ready), this, nullptr);
+        g_source_attach(source_, context_);
+    }
+    ~DescriptorWatch() override {
+        g_source_destroy(source_);
+        g_source_unref(source_);
+        g_main_context_unref(context_);
+    }
+    DescriptorWatch(const DescriptorWatch&) = delete;
+    DescriptorWatch& operator=(const DescriptorWatch&) = delete;
+
+  private:
+    static gboolean ready(gint /*fd*/, GIOCondition /*condition*/, gpointer data) {
+        auto* self = static_cast<DescriptorWatch*>(data);
+        if (self->alive_.expired()) {
+            return G_SOURCE_REMOVE;
+        }
+        // GLib's C frames cannot carry an exception.
+        try {
+            self->readable_();
+        } catch (...) {
+            self->loop_->absorb(std::current_exception());
+        }
+        return G_SOURCE_CONTINUE;
+    }
+
+    GLibRunLoop* loop_;
+    std::weak_ptr<int> alive_;
+    GMainContext* context_;
+    std::function<void()> readable_;
+    GSource* source_;
+};
+
 GLibRunLoop::GLibRunLoop(GMainContext* context)
     : context_(context != nullptr ? g_main_context_ref(context)
                                   : g_main_context_ref_thread_default()) {
@@ -106,6 +150,14 @@ std::shared_ptr<Timer> GLibRunLoop::scheduleTimer(double interval, bool repeats,
                                                   TimerCallback callback) {
     // Called on the loop's thread: the next prepare() sees the new timer.
     return timers_.add(now(), interval, repeats, std::move(callback));
+}
+
+std::unique_ptr<FileDescriptorWatch> GLibRunLoop::watchReadable(int fd,
+                                                                std::function<void()> readable) {
+    if (fd < 0) {
+        return nullptr;
+    }
+    return std::make_unique<DescriptorWatch>(*this, fd, std::move(readable));
 }
 
 void GLibRunLoop::post(std::function<void()> call) {
@@ -161,12 +213,15 @@ void GLibRunLoop::dispatch() {
             posted_.runAll(shouldStop);
         }
     } catch (...) {
-        if (runDepth_ > 0 && !pendingException_) {
-            pendingException_ = std::current_exception();
-        } else {
-            logToSystemLog("Uncaught exception in a run-loop callback: " +
-                           describe(std::current_exception()));
-        }
+        absorb(std::current_exception());
+    }
+}
+
+void GLibRunLoop::absorb(std::exception_ptr exception) {
+    if (runDepth_ > 0 && !pendingException_) {
+        pendingException_ = std::move(exception);
+    } else {
+        logToSystemLog("Uncaught exception in a run-loop callback: " + describe(exception));
     }
 }
 

@@ -31,6 +31,9 @@ class GLibRunLoop : public RunLoop {
     Date currentDate() const override;
     std::shared_ptr<Timer> scheduleTimer(double interval, bool repeats,
                                          TimerCallback callback) override;
+    // A GLib unix descriptor source on the loop's context, at default priority.
+    std::unique_ptr<FileDescriptorWatch> watchReadable(int fd,
+                                                       std::function<void()> readable) override;
     void post(std::function<void()> call) override;
     void sleep(double seconds) override;
     void runUntil(double time) override;
@@ -40,9 +43,12 @@ class GLibRunLoop : public RunLoop {
 
   private:
     struct SchedulerSource;
+    class DescriptorWatch;
 
     bool isReady(gint64 nowMicroseconds, gint* timeoutMilliseconds) const;
     void dispatch();
+    // Keeps an exception from a callback for runUntil() to rethrow, or logs it for a host loop.
+    void absorb(std::exception_ptr exception);
 
     GMainContext* context_;
     GSource* source_ = nullptr;
@@ -51,6 +57,8 @@ class GLibRunLoop : public RunLoop {
     std::atomic<int> runDepth_{0};
     std::atomic<bool> stopRequested_{false};
     std::exception_ptr pendingException_;
+    // Watches outliving the loop check it before they call back.
+    std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
 };
 
 }  // namespace qv

@@ -32,6 +32,13 @@ class Timer {
 
 using TimerCallback = std::function<void(Timer&)>;
 
+// A watch on a file descriptor (RunLoop::watchReadable). Destroying it ends the watch; end it
+// before closing the descriptor.
+class FileDescriptorWatch {
+  public:
+    virtual ~FileDescriptorWatch() = default;
+};
+
 // A run-loop source: signal() asks the loops it was added to to call perform() on their own
 // thread soon. signal() may be called from any thread; perform() never runs from inside signal().
 class RunLoopSource : public std::enable_shared_from_this<RunLoopSource> {
@@ -68,6 +75,13 @@ class RunLoop : public std::enable_shared_from_this<RunLoop> {
                                                  TimerCallback callback) = 0;
     // A delayed call (performSelector:withObject:afterDelay:). The returned timer cancels it.
     std::shared_ptr<Timer> performAfterDelay(double delay, std::function<void()> call);
+
+    // Calls `readable` on this loop's thread whenever `fd` has something to read (or has hung up
+    // or failed, which the read then tells), until the returned watch is destroyed. The callback
+    // should read what is there: a descriptor left readable calls it again at the next turn.
+    // An exception from it is handled as one from a timer. Null for a negative descriptor.
+    virtual std::unique_ptr<FileDescriptorWatch> watchReadable(int fd,
+                                                               std::function<void()> readable) = 0;
 
     // Runs `call` on this loop's thread as soon as it turns, in posting order, before any timer
     // that is due at the same moment. Safe from any thread; a real loop is woken for it.

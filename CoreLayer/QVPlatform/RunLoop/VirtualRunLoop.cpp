@@ -20,6 +20,11 @@ std::shared_ptr<Timer> VirtualRunLoop::scheduleTimer(double interval, bool repea
     return timers_.add(now_, interval, repeats, std::move(callback));
 }
 
+std::unique_ptr<FileDescriptorWatch> VirtualRunLoop::watchReadable(int fd,
+                                                                   std::function<void()> readable) {
+    return descriptors_.add(fd, std::move(readable));
+}
+
 void VirtualRunLoop::post(std::function<void()> call) {
     posted_.push(std::move(call));
 }
@@ -48,6 +53,11 @@ void VirtualRunLoop::runUntil(double time) {
     auto shouldStop = [this]() { return stopRequested_.load(); };
     auto clock = [this]() { return now_; };
     for (;;) {
+        descriptors_.pollOnce();
+        if (shouldStop()) {
+            stopRequested_ = false;
+            return;
+        }
         posted_.runAll(shouldStop);
         if (shouldStop()) {
             stopRequested_ = false;

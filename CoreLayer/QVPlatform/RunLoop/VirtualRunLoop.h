@@ -1,12 +1,17 @@
 // qv::VirtualRunLoop: a run loop on a virtual clock. Nothing waits: a 30-second time-out, a sleep
 // or a latency advances the clock at once, and timers fire in time order (ties in the order they
 // were scheduled). Posted calls run before the next timer. Used by the tests and the simulator.
+// Descriptor watches do not make it wait either: each turn (before the posted calls) polls the
+// watched descriptors without blocking and calls back those that are readable; data that arrives
+// in real time while the clock jumps is seen at the next turn. A watch alone keeps no run going
+// (hasPendingWork() does not count it).
 // post() and stop() may come from any thread; everything else belongs to the loop's thread.
 #pragma once
 
 #include <atomic>
 
 #include "PostedCallQueue.h"
+#include "ReadableDescriptorPoller.h"
 #include "RunLoop.h"
 #include "TimerQueue.h"
 
@@ -22,6 +27,8 @@ class VirtualRunLoop : public RunLoop {
     Date currentDate() const override;
     std::shared_ptr<Timer> scheduleTimer(double interval, bool repeats,
                                          TimerCallback callback) override;
+    std::unique_ptr<FileDescriptorWatch> watchReadable(int fd,
+                                                       std::function<void()> readable) override;
     void post(std::function<void()> call) override;
     void sleep(double seconds) override;
     void runUntil(double time) override;
@@ -40,6 +47,7 @@ class VirtualRunLoop : public RunLoop {
     Date start_;
     TimerQueue timers_;
     PostedCallQueue posted_;
+    ReadableDescriptorPoller descriptors_;
     std::atomic<int> runDepth_{0};
     std::atomic<bool> stopRequested_{false};
 };

@@ -34,21 +34,25 @@ void LiveDevicePlatform::start() {
     }
     registry_ = &Registry::shared();
     feeder_ = std::make_unique<UdevFeeder>(*registry_);
-    bool monitoring = feeder_->start();
-    if (!feeder_->hasUdev()) {
-        logBoth("No udev on this machine: no devices will be detected");
-        return;
-    }
-    if (!monitoring) {
-        logBoth("No udev device monitor on this machine: only devices present at start are seen");
-        return;
+    switch (feeder_->start()) {
+        case UdevFeeder::StartResult::NoUdev:
+            logBoth("No udev on this machine: no devices will be detected");
+            return;
+        case UdevFeeder::StartResult::MonitorFailed:
+            logBoth(
+                "No udev device monitor on this machine: only devices present at start are seen");
+            return;
+        case UdevFeeder::StartResult::EnumerationFailed:
+            logBoth("The udev device enumeration failed: devices present at start are not seen");
+            break;
+        case UdevFeeder::StartResult::Started:
+            break;
     }
     if (!feeder_->isUdevRunning()) {
         logBoth("udev is not running on this machine: devices plugged in later are not seen");
     }
     if (!feeder_->watchOn(RunLoop::current())) {
-        logBoth(
-            "The run loop of this thread is not a GLib one: devices plugged in later are not seen");
+        logBoth("The udev monitor cannot be watched: devices plugged in later are not seen");
     }
 }
 

@@ -1,8 +1,8 @@
 // qv::LiveDevicePlatform: the framework on this machine's devices. Starting it installs the
 // default modem library (when nobody installed one), adds every device present through the udev
-// feeder and then follows hot-plug on the starting thread's GLib run loop. A machine without udev,
-// or a thread whose run loop is not a GLib one, gets a clear log line and no hot-plug, never a
-// crash.
+// feeder and then follows hot-plug on the starting thread's run loop. A machine without udev, or
+// whose udev enumeration or monitor fails, gets a clear log line naming what failed and no
+// hot-plug (or no devices present at start), never a crash.
 #pragma once
 
 #include <memory>
