@@ -6,6 +6,8 @@
 
 #include <iterator>
 
+#include "QVDeviceKnowledge/QVDeviceVendors.h"
+
 namespace {
 constexpr const char* kUSB = "IOUSBDevice";
 constexpr const char* kPCCard = "IOPCCard16Device";
@@ -266,10 +268,10 @@ const DevPropertyMatch devicesInfo[] = {
 };
 
 const GenericDeviceClassPropertyMatch deviceClassInfo[] = {
-    {15354, 0x0AF0, "Option-class device"},
-    {15355, 0x12D1, "Huawei-class device"},
-    {5059, 0x1199, "Sierra-devices new generation"},
-    {15356, 0x19D2, "ZTE-device old generation"},
+    {15354, kOptionVendorID, "Option-class device"},
+    {15355, kHuaweiVendorID, "Huawei-class device"},
+    {5059, kSierraVendorID, "Sierra-devices new generation"},
+    {15356, kZTEVendorID, "ZTE-device old generation"},
     {-1, 0xFFFFFFFF, ""},
 };
 

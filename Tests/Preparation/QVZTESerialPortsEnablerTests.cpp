@@ -287,6 +287,8 @@ TEST_F(EnablerTest, AUserWhoMayNotWriteTheUSBNodeIsToldSoAndRootResetsTheStick) 
     usb_->setDeviceNode(device, node);
 
     bool becameNobody = false;
+    // The registry belongs to one thread; this one waits while the other acts as nobody.
+    registry().releaseOwningThreadForTesting();
     std::thread user([&] {
         becameNobody = syscall(SYS_setgroups, 0, nullptr) == 0 &&
                        syscall(SYS_setresgid, kNobody, kNobody, kNobody) == 0 &&

@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "QVDeviceKnowledge/QVDeviceVendors.h"
+
 namespace cardprep {
 
 // Where an attached stick sits on the bus (sysfs "busnum" and "devnum"); unknown when sysfs does
@@ -37,8 +39,6 @@ struct CardPrepOptions {
 
 class CardPrepCommand {
   public:
-    static constexpr std::uint32_t kHuaweiVendorID = 0x12d1;
-
     CardPrepCommand(CardPrepOptions options, std::ostream& out, std::ostream& err)
         : options_(std::move(options)), out_(out), err_(err) {}
 

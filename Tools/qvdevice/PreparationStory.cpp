@@ -5,6 +5,7 @@
 #include "IOKit/IOKitTypes.h"
 #include "Preparation/QVDriverDiskEjector.h"
 #include "Preparation/QVZTESerialPortsEnabler.h"
+#include "QVDeviceKnowledge/QVDeviceVendors.h"
 
 namespace qvdevice {
 
@@ -14,9 +15,6 @@ std::string baseName(const std::string& path) {
     std::size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
-
-// The only maker whose sticks CardPrepTool switches.
-constexpr std::int32_t kHuaweiVendorID = 0x12D1;
 
 bool isDigits(const std::string& text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
@@ -139,7 +137,9 @@ void PreparationStory::programStarted(const qv::RecordingTaskLauncher::Record& r
         // As the real tool: every attached Huawei stick with that product ID.
         for (io_registry_entry_t device : attachedUSBDevices()) {
             const qv::Value* properties = registry_.entryProperties(device);
-            if (properties != nullptr && (*properties)["idVendor"].intValue() == kHuaweiVendorID &&
+            if (properties != nullptr &&
+                static_cast<std::uint32_t>((*properties)["idVendor"].intValue()) ==
+                    kHuaweiVendorID &&
                 (*properties)["idProduct"].intValue() == static_cast<std::int32_t>(product)) {
                 switchMode(device);
             }

@@ -78,12 +78,14 @@ const Registry::Object* Registry::find(io_object_t handle) const {
 }
 
 void Registry::registerClass(const std::string& className, const std::string& superclassName) {
+    owner_.check(__func__);
     if (className != superclassName) {
         superclasses_[className] = superclassName;
     }
 }
 
 bool Registry::classConformsTo(const std::string& className, const std::string& ancestor) const {
+    owner_.check(__func__);
     std::string current = className;
     // Bounded climb: a declared cycle cannot hang the lookup.
     for (int depth = 0; depth < 64; ++depth) {
@@ -105,6 +107,7 @@ bool Registry::classConformsTo(const std::string& className, const std::string& 
 io_registry_entry_t Registry::addEntry(io_registry_entry_t parent, const std::string& className,
                                        const std::string& name, Value properties,
                                        io_registry_entry_t before) {
+    owner_.check(__func__);
     if (parent == IO_OBJECT_NULL) {
         parent = rootHandle_;
     }
@@ -133,6 +136,7 @@ io_registry_entry_t Registry::addEntry(io_registry_entry_t parent, const std::st
 }
 
 bool Registry::setProperties(io_registry_entry_t entry, const Value& properties) {
+    owner_.check(__func__);
     Object* object = find(entry);
     if (object == nullptr || object->kind != Object::Kind::Entry || !properties.isDictionary()) {
         return false;
@@ -168,6 +172,7 @@ void Registry::noteChange(io_registry_entry_t entry, bool ownChange) {
 }
 
 std::uint64_t Registry::changeStamp(io_registry_entry_t entry) const {
+    owner_.check(__func__);
     const Object* object = find(entry);
     if (object == nullptr || object->kind != Object::Kind::Entry) {
         return 0;
@@ -202,6 +207,7 @@ void Registry::collectSubtree(io_registry_entry_t entry,
 }
 
 bool Registry::removeEntry(io_registry_entry_t entry) {
+    owner_.check(__func__);
     Object* object = find(entry);
     if (entry == rootHandle_ || object == nullptr || object->kind != Object::Kind::Entry ||
         !object->attached) {
@@ -239,26 +245,31 @@ bool Registry::removeEntry(io_registry_entry_t entry) {
 }
 
 bool Registry::isAttached(io_registry_entry_t entry) const {
+    owner_.check(__func__);
     const Object* object = find(entry);
     return object != nullptr && object->kind == Object::Kind::Entry && object->attached;
 }
 
 bool Registry::isEntry(io_object_t object) const {
+    owner_.check(__func__);
     const Object* o = find(object);
     return o != nullptr && o->kind == Object::Kind::Entry;
 }
 
 bool Registry::isIterator(io_object_t object) const {
+    owner_.check(__func__);
     const Object* o = find(object);
     return o != nullptr && o->kind == Object::Kind::Iterator;
 }
 
 const std::string* Registry::entryName(io_registry_entry_t entry) const {
+    owner_.check(__func__);
     const Object* o = find(entry);
     return (o != nullptr && o->kind == Object::Kind::Entry) ? &o->name : nullptr;
 }
 
 const std::string* Registry::entryClass(io_registry_entry_t entry) const {
+    owner_.check(__func__);
     const Object* o = find(entry);
     if (o == nullptr) {
         return nullptr;
@@ -268,11 +279,13 @@ const std::string* Registry::entryClass(io_registry_entry_t entry) const {
 }
 
 const Value* Registry::entryProperties(io_registry_entry_t entry) const {
+    owner_.check(__func__);
     const Object* o = find(entry);
     return (o != nullptr && o->kind == Object::Kind::Entry) ? &o->properties : nullptr;
 }
 
 io_registry_entry_t Registry::entryParent(io_registry_entry_t entry) const {
+    owner_.check(__func__);
     const Object* o = find(entry);
     if (o == nullptr || o->kind != Object::Kind::Entry || !isEntry(o->parent)) {
         return IO_OBJECT_NULL;
@@ -281,6 +294,7 @@ io_registry_entry_t Registry::entryParent(io_registry_entry_t entry) const {
 }
 
 std::vector<io_registry_entry_t> Registry::entryChildren(io_registry_entry_t entry) const {
+    owner_.check(__func__);
     std::vector<io_registry_entry_t> children;
     const Object* o = find(entry);
     if (o == nullptr || o->kind != Object::Kind::Entry) {
@@ -295,6 +309,7 @@ std::vector<io_registry_entry_t> Registry::entryChildren(io_registry_entry_t ent
 }
 
 std::vector<io_registry_entry_t> Registry::entryDescendants(io_registry_entry_t entry) const {
+    owner_.check(__func__);
     std::vector<io_registry_entry_t> all;
     collectSubtree(entry, all);
     if (!all.empty()) {
@@ -304,6 +319,7 @@ std::vector<io_registry_entry_t> Registry::entryDescendants(io_registry_entry_t 
 }
 
 std::optional<std::string> Registry::entryPath(io_registry_entry_t entry) const {
+    owner_.check(__func__);
     std::vector<const std::string*> names;
     io_registry_entry_t current = entry;
     for (int depth = 0; current != rootHandle_; ++depth) {
@@ -325,6 +341,7 @@ std::optional<std::string> Registry::entryPath(io_registry_entry_t entry) const 
 }
 
 bool Registry::matches(io_registry_entry_t entry, const Value& matching) const {
+    owner_.check(__func__);
     const Object* o = find(entry);
     const Dictionary* dict = matching.asDictionary();
     if (o == nullptr || o->kind != Object::Kind::Entry || dict == nullptr || entry == rootHandle_) {
@@ -367,6 +384,7 @@ bool Registry::matches(io_registry_entry_t entry, const Value& matching) const {
 }
 
 std::vector<io_registry_entry_t> Registry::matchingEntries(const Value& matching) const {
+    owner_.check(__func__);
     std::vector<io_registry_entry_t> matched;
     auto candidates = index_.entryCandidates(matching);
     // Ordering a few candidates is cheap; when most of the tree is a candidate, walk it.
@@ -418,6 +436,7 @@ void Registry::sortInTreeOrder(std::vector<io_registry_entry_t>& entries) const 
 }
 
 io_iterator_t Registry::createIterator(const std::vector<io_object_t>& items) {
+    owner_.check(__func__);
     io_iterator_t handle = newHandle();
     auto iterator = std::make_unique<Object>();
     iterator->kind = Object::Kind::Iterator;
@@ -430,6 +449,7 @@ io_iterator_t Registry::createIterator(const std::vector<io_object_t>& items) {
 }
 
 io_object_t Registry::iteratorNext(io_iterator_t iterator) {
+    owner_.check(__func__);
     Object* it = find(iterator);
     if (it == nullptr || it->kind != Object::Kind::Iterator) {
         return IO_OBJECT_NULL;
@@ -445,6 +465,7 @@ io_object_t Registry::iteratorNext(io_iterator_t iterator) {
 }
 
 void Registry::iteratorReset(io_iterator_t iterator) {
+    owner_.check(__func__);
     Object* it = find(iterator);
     if (it != nullptr && it->kind == Object::Kind::Iterator) {
         it->position = 0;
@@ -452,6 +473,7 @@ void Registry::iteratorReset(io_iterator_t iterator) {
 }
 
 kern_return_t Registry::retain(io_object_t object) {
+    owner_.check(__func__);
     Object* o = find(object);
     if (o == nullptr) {
         return kIOReturnBadArgument;
@@ -461,6 +483,7 @@ kern_return_t Registry::retain(io_object_t object) {
 }
 
 kern_return_t Registry::release(io_object_t object) {
+    owner_.check(__func__);
     Object* o = find(object);
     if (o == nullptr) {
         return kIOReturnBadArgument;
@@ -491,6 +514,7 @@ void Registry::freeObject(io_object_t handle) {
 }
 
 int Registry::retainCountForTesting(io_object_t object) const {
+    owner_.check(__func__);
     const Object* o = find(object);
     return o == nullptr ? 0 : o->retainCount;
 }
@@ -505,6 +529,7 @@ Registry::EntryView Registry::view(io_registry_entry_t entry) const {
 }
 
 Registry::EntryView Registry::tree() const {
+    owner_.check(__func__);
     return view(rootHandle_);
 }
 

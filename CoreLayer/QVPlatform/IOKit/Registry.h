@@ -11,7 +11,9 @@
 // (terminated) entry leaves the tree but stays readable while someone holds a reference.
 // Handles are never reused, so a stale handle answers "no such object".
 //
-// Owned by one thread: the one that runs the notification ports' run loop.
+// Owned by one thread: the one that runs the notification ports' run loop. Builds without NDEBUG
+// abort when another thread calls in while the first one to use the registry still runs
+// (qv::ThreadOwner).
 #pragma once
 
 #include <functional>
@@ -22,6 +24,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Foundation/ThreadOwner.h"
 #include "IOKitTypes.h"
 #include "RegistryMatchingIndex.h"
 #include "RegistryNotificationPort.h"
@@ -96,6 +99,9 @@ class Registry {
     // Live objects (entries and iterators, attached or held); tests use it to find leaks.
     std::size_t liveObjectCount() const { return objects_.size(); }
     int retainCountForTesting(io_object_t object) const;
+    // Hands the registry to whichever thread uses it next, for a test that acts as another user on
+    // a thread of its own while its own thread waits.
+    void releaseOwningThreadForTesting() { owner_.release(); }
 
     IONotificationPort* createPort();
     void destroyPort(IONotificationPort* port);
@@ -143,6 +149,7 @@ class Registry {
     io_object_t nextHandle_ = 0x1000;
     std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
     io_registry_entry_t rootHandle_ = IO_OBJECT_NULL;
+    mutable ThreadOwner owner_{"Registry"};
 };
 
 }  // namespace qv

@@ -8,6 +8,7 @@
 namespace qv {
 
 IONotificationPort* Registry::createPort() {
+    owner_.check(__func__);
     // The source may outlive the port and the registry (whoever added it to a run loop holds
     // it): it finds its port again by id, and only while this registry is alive.
     std::weak_ptr<int> alive = lifetime_;
@@ -19,10 +20,12 @@ IONotificationPort* Registry::createPort() {
 }
 
 bool Registry::isPort(IONotificationPort* port) const {
+    owner_.check(__func__);
     return ports_.contains(port);
 }
 
 void Registry::destroyPort(IONotificationPort* port) {
+    owner_.check(__func__);
     std::unique_ptr<IONotificationPort> owned = ports_.take(port);
     if (!owned) {
         return;
@@ -37,12 +40,14 @@ void Registry::destroyPort(IONotificationPort* port) {
 }
 
 std::shared_ptr<RunLoopSource> Registry::portSource(IONotificationPort* port) const {
+    owner_.check(__func__);
     return isPort(port) ? port->source : nullptr;
 }
 
 kern_return_t Registry::addNotification(IONotificationPort* port, const std::string& type,
                                         const Value& matching, MatchingCallback callback,
                                         void* refCon, io_iterator_t* iterator) {
+    owner_.check(__func__);
     if (!isPort(port) || iterator == nullptr || callback == nullptr || !matching.isDictionary()) {
         return kIOReturnBadArgument;
     }
@@ -122,6 +127,7 @@ void Registry::queueForNotification(qvRegistryNotification& notification, io_reg
 }
 
 void Registry::deliver(std::uint64_t portId) {
+    owner_.check(__func__);
     IONotificationPort* port = ports_.byId(portId);
     if (port == nullptr) {
         return;

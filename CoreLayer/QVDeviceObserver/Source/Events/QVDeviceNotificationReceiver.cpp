@@ -54,6 +54,7 @@ qv::Value QVDeviceNotificationReceiver::ioRegistryMatchingDictForVendorID(std::i
 
 void QVDeviceNotificationReceiver::listenForNotificationsForMatchingDictionary(
     const qv::Value& matchingDict) {
+    _threadOwner.check(__func__);
     auto center = QVDeviceNotificationCenter::defaultDeviceNotificationCenter();
     center->addObserver(shared_from_this(), &QVDeviceNotificationObserver::devicesAdded,
                         kQVDeviceAddedNotification, matchingDict);
@@ -64,17 +65,20 @@ void QVDeviceNotificationReceiver::listenForNotificationsForMatchingDictionary(
 void QVDeviceNotificationReceiver::listenForNotificationsForVendorID(std::int32_t vendorID,
                                                                      std::int32_t productID,
                                                                      const char* ioService) {
+    _threadOwner.check(__func__);
     listenForNotificationsForMatchingDictionary(
         ioRegistryMatchingDictForVendorID(vendorID, productID, ioService));
 }
 
 void QVDeviceNotificationReceiver::listenForNotificationsForVendorID(std::int32_t vendorID,
                                                                      std::int32_t productID) {
+    _threadOwner.check(__func__);
     listenForNotificationsForMatchingDictionary(
         ioRegistryMatchingDictForVendorID(vendorID, productID));
 }
 
 void QVDeviceNotificationReceiver::devicesAdded(const QVIODeviceArray& devices) {
+    _threadOwner.check(__func__);
     if (devices.empty()) {
         return;
     }
@@ -84,6 +88,7 @@ void QVDeviceNotificationReceiver::devicesAdded(const QVIODeviceArray& devices) 
 }
 
 void QVDeviceNotificationReceiver::devicesRemoved(const QVIODeviceArray& devices) {
+    _threadOwner.check(__func__);
     for (const auto& device : devices) {
         if (device && contains(device)) {
             removeDevice(device);
@@ -92,6 +97,7 @@ void QVDeviceNotificationReceiver::devicesRemoved(const QVIODeviceArray& devices
 }
 
 void QVDeviceNotificationReceiver::addDevice(const std::shared_ptr<QVIODevice>& device) {
+    _threadOwner.check(__func__);
     if (!device) {
         return;
     }
@@ -105,6 +111,7 @@ bool QVDeviceNotificationReceiver::contains(const std::shared_ptr<QVIODevice>& d
 }
 
 void QVDeviceNotificationReceiver::removeDevice(const std::shared_ptr<QVIODevice>& device) {
+    _threadOwner.check(__func__);
     if (!device) {
         return;
     }
@@ -116,6 +123,7 @@ bool QVDeviceNotificationReceiver::isApplicationRunning(const std::string& bundl
 }
 
 void QVDeviceNotificationReceiver::scheduleDeviceExamination() {
+    _threadOwner.check(__func__);
     if (_ejectionDriver) {
         return;
     }
@@ -129,6 +137,7 @@ void QVDeviceNotificationReceiver::scheduleDeviceExamination() {
 }
 
 void QVDeviceNotificationReceiver::handleDeviceTimerCallback(qv::Timer& timer) {
+    _threadOwner.check(__func__);
     // The timer stops at the first tick that finds nothing to do, not at the last removal.
     if (_addedIODevices.empty()) {
         timer.invalidate();
@@ -161,6 +170,7 @@ void QVDeviceNotificationReceiver::handleDeviceTimerCallback(qv::Timer& timer) {
 }
 
 void QVDeviceNotificationReceiver::stopExamination() {
+    _threadOwner.check(__func__);
     ++_examinationEpoch;
     _addedIODevices.clear();
     if (_ejectionDriver) {

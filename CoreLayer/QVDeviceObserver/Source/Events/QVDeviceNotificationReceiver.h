@@ -5,7 +5,9 @@
 // out, or it is older than the handling time-out.
 //
 // Owned by a std::shared_ptr (subscribing hands the center a reference to the receiver itself).
-// Lives on the thread whose run loop carries the notification port and the timer.
+// Lives on the thread whose run loop carries the notification port and the timer. Builds without
+// NDEBUG abort when another thread calls in while the first one to use the receiver still runs
+// (qv::ThreadOwner).
 #pragma once
 
 #include <cstdint>
@@ -13,6 +15,7 @@
 #include <string>
 
 #include "Foundation/Object.h"
+#include "Foundation/ThreadOwner.h"
 #include "Foundation/Value.h"
 #include "QVDeviceNotificationObserver.h"
 #include "QVIODevice.h"
@@ -95,4 +98,5 @@ class QVDeviceNotificationReceiver
     std::shared_ptr<qv::Timer> _ejectionDriver;
     double _handlingTimout = kDefaultHandlingTimeout;
     std::uint64_t _examinationEpoch = 0;
+    qv::ThreadOwner _threadOwner{"QVDeviceNotificationReceiver"};
 };

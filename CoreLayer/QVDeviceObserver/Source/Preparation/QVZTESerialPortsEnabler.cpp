@@ -1,7 +1,5 @@
 #include "QVZTESerialPortsEnabler.h"
 
-#include <algorithm>
-
 #include "Events/QVDeviceNotificationCenter.h"
 #include "Events/RegistryFeedUsers.h"
 #include "Foundation/Logging.h"
@@ -11,21 +9,18 @@
 #include "IOKit/IOKitLib.h"
 #include "Preparation/QVDriverDiskEjector.h"
 #include "Preparation/QVSystemHelper.h"
+#include "QVDeviceKnowledge/QVSerialPortPreparationTable.h"
 
 namespace {
 
-constexpr std::int32_t kZTE = 0x19D2;
-constexpr std::int32_t kOption = 0x0AF0;
-constexpr std::int32_t kHuawei = 0x12D1;
-// The one model that is re-enumerated when it still shows no ports after its CD went.
-constexpr std::int32_t kReEnumeratedProduct = 0x7501;
-
-// 0x1F1A is left out on purpose: it is neither subscribed nor switched.
-constexpr std::int32_t kHuaweiQuickStartProducts[] = {0x1F15, 0x1F16, 0x1F17, 0x1F18, 0x1F19,
-                                                      0x1F1B, 0x1F1C, 0x1F1D, 0x1F1E};
-
 std::uint32_t hex(std::int64_t value) {
     return static_cast<std::uint32_t>(value);
+}
+
+// The enabler's row for the device's model, null for a stick it does not look after.
+const SerialPortPreparationMatch* preparationRowOf(const QVIODevice& device) {
+    return QVSerialPortPreparationTable::rowForVendorID(hex(device.vendorID()),
+                                                        hex(device.productID()));
 }
 
 }  // namespace
@@ -33,13 +28,9 @@ std::uint32_t hex(std::int64_t value) {
 const std::vector<QVZTESerialPortsEnabler::Model>& QVZTESerialPortsEnabler::subscribedModels() {
     static const std::vector<Model> models = [] {
         std::vector<Model> list;
-        for (std::int32_t product : {0x0040, 0x2000, 0x1001, 0x1171, 0x1013, 0x1175, 0x1179, 0x0101,
-                                     0x0115, 0x1007, 0x1009, 0x1017}) {
-            list.push_back({kZTE, product});
-        }
-        list.push_back({kOption, kReEnumeratedProduct});
-        for (std::int32_t product : kHuaweiQuickStartProducts) {
-            list.push_back({kHuawei, product});
+        for (const SerialPortPreparationMatch& row : QVSerialPortPreparationTable::rows()) {
+            list.push_back({static_cast<std::int32_t>(row.vendorID),
+                            static_cast<std::int32_t>(row.productID)});
         }
         return list;
     }();
@@ -100,17 +91,22 @@ void QVZTESerialPortsEnabler::handleDevice(const std::shared_ptr<QVIODevice>& de
         runDiskUtility({"unmountDisk", "force", disk});
         runDiskUtility({"eject", disk});
     }
-    reEnumerateIfNoPorts(device, kOption, kReEnumeratedProduct);
+    const SerialPortPreparationMatch* row = preparationRowOf(*device);
+    if (row != nullptr &&
+        row->preparation == QVSerialPortPreparation::kEjectDriverDiskThenReEnumerateIfPortless) {
+        reEnumerateIfNoPorts(device, static_cast<std::int32_t>(row->vendorID),
+                             static_cast<std::int32_t>(row->productID));
+    }
     removeDevice(device);
 }
 
 bool QVZTESerialPortsEnabler::needsHuaweiQuickStartSwitcher(
     const std::shared_ptr<QVIODevice>& device) const {
-    if (!device || device->vendorID() != kHuawei) {
+    if (!device) {
         return false;
     }
-    return std::find(std::begin(kHuaweiQuickStartProducts), std::end(kHuaweiQuickStartProducts),
-                     device->productID()) != std::end(kHuaweiQuickStartProducts);
+    const SerialPortPreparationMatch* row = preparationRowOf(*device);
+    return row != nullptr && row->preparation == QVSerialPortPreparation::kQuickStartSwitch;
 }
 
 void QVZTESerialPortsEnabler::ejectHuaweiQS(const std::shared_ptr<QVIODevice>& device) {

@@ -33,7 +33,7 @@ class QVZTESerialPortsEnabler : public QVDeviceNotificationReceiver {
         std::int32_t vendorID;
         std::int32_t productID;
     };
-    // The sticks it subscribes to, in subscription order.
+    // The sticks it subscribes to, in subscription order (QVSerialPortPreparationTable).
     static const std::vector<Model>& subscribedModels();
 
     QVZTESerialPortsEnabler() = default;

@@ -99,11 +99,13 @@ class QVDeviceMonitor : public QVDeviceNotificationReceiver {
     }
     bool validateSerialPortsAvailability(const QVIODevice& ioDevice,
                                          const std::shared_ptr<QVDeviceDatabaseEntry>& entry) const;
-    int tryToMatchDeviceDatabaseEntryForQVDevice(const std::shared_ptr<QVUSBDevice>& device,
-                                                 const std::shared_ptr<QVIODevice>& ioDevice,
-                                                 unsigned approach);
-    int isAllowedDevice(const std::shared_ptr<QVUSBDevice>& device,
-                        const std::shared_ptr<QVIODevice>& ioDeviceOrNull);
+    MatchCode tryToMatchDeviceDatabaseEntryForQVDevice(const std::shared_ptr<QVUSBDevice>& device,
+                                                       const std::shared_ptr<QVIODevice>& ioDevice,
+                                                       unsigned approach);
+    // The filter's verdict as a match code: no rule -> kMatchNoRule, allowed -> kMatchAllowed,
+    // anything else -> kMatchRejected.
+    MatchCode isAllowedDevice(const std::shared_ptr<QVUSBDevice>& device,
+                              const std::shared_ptr<QVIODevice>& ioDeviceOrNull);
     void renameDeviceIfNeccessary(const std::shared_ptr<QVUSBDevice>& device);
     virtual void deviceRecognizedButNoRuleExistForIt(const std::shared_ptr<QVUSBDevice>& device,
                                                      const std::shared_ptr<QVIODevice>& ioDevice);
@@ -128,6 +130,24 @@ class QVDeviceMonitor : public QVDeviceNotificationReceiver {
     // step when asked to.
     void waitForPowerUp(const QVIODevice& ioDevice, std::int32_t delay, bool logSteps) const;
     void addIdentifiedDevice(const std::shared_ptr<QVDevice>& device);
+    // How an attempt that matched kMatchAllowed announces its record; the table pipeline and the
+    // generic one differ only in these two points.
+    struct Announcement {
+        // Not before the device is this many seconds old (the table pipeline's power-up delay);
+        // no wait at all without it.
+        std::optional<std::int32_t> notBeforeAge;
+        // Whether a monitor without a list (torn down meanwhile) starts a new one for the record,
+        // or adds it to none.
+        bool startsIdentifiedList = false;
+    };
+    // Hands the IO device to the disk ejector when the database entry asks, names the record from
+    // the rules, lists it, logs "Pushing device ..." and tells the delegate. True unless the
+    // delegate stopped the monitor since `epoch`.
+    bool announceIdentifiedDevice(const std::shared_ptr<QVUSBDevice>& device,
+                                  const std::shared_ptr<QVIODevice>& ioDevice, std::uint64_t epoch,
+                                  const Announcement& how);
+    // The delegate's noteCouldNotIdentifyDevice, when there is a delegate.
+    void reportCouldNotIdentify(const std::shared_ptr<QVUSBDevice>& device);
     void pushDevice(const std::shared_ptr<QVUSBDevice>& device);
     std::vector<std::shared_ptr<QVDevice>>* identifiedDevicesArray() {
         return _identifiedDevices ? &*_identifiedDevices : nullptr;

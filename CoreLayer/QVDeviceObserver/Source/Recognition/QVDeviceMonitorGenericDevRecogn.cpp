@@ -9,6 +9,7 @@
 #include "Model/QVUSBDevice.h"
 #include "Preparation/QVDriverDiskEjector.h"
 #include "QVDeviceKnowledge/QVDeviceTableLookups.h"
+#include "QVDeviceKnowledge/QVDeviceVendors.h"
 #include "Rules/QVDeviceFilter.h"
 
 std::shared_ptr<QVDeviceMonitor> QVDeviceMonitorGenericDevRecogn::create() {
@@ -60,7 +61,7 @@ bool QVDeviceMonitorGenericDevRecogn::didIdentifyGenericIODevice(
     ioDevice->updateFromIORegistry();
     const std::int32_t genericID = QVDeviceTableLookups::genericDeviceQVIDForVendorID(
         static_cast<std::uint32_t>(ioDevice->vendorID()));
-    if (ioDevice->vendorID() == kHuaweiVendorID) {
+    if (static_cast<std::uint32_t>(ioDevice->vendorID()) == kHuaweiVendorID) {
         _diskSupressor->addDevice(ioDevice);
     }
     // The monitor's accept flag is deliberately not handed to this filter.
@@ -87,24 +88,23 @@ bool QVDeviceMonitorGenericDevRecogn::didIdentifyGenericIODevice(
     if (wasStoppedSince(epoch)) {
         return false;
     }
-    const int match = tryToMatchDeviceDatabaseEntryForQVDevice(device, ioDevice, kApproachTable);
+    const MatchCode match =
+        tryToMatchDeviceDatabaseEntryForQVDevice(device, ioDevice, kApproachTable);
     if (wasStoppedSince(epoch)) {
         return false;
     }
+    // Unlike the table pipeline, a rejected device stays listed here: the caller ends it.
     switch (match) {
         case kMatchNoRule:
             qv::logRecognition("Device is recognized but no rule could be found for it");
-            if (_delegate) {
-                _delegate->noteCouldNotIdentifyDevice(device);
-            }
+            reportCouldNotIdentify(device);
             return false;
         case kMatchRejected:
             qv::logRecognition("Device is recognized but not allowed. Throwing it away!");
-            if (_delegate) {
-                _delegate->noteCouldNotIdentifyDevice(device);
-            }
+            reportCouldNotIdentify(device);
             return false;
-        case kMatchAllowed: {
+        case kMatchAllowed:
+            // Questioned only now that it matched, and never for the Option family.
             if (genericID != kOptionGenericQuorvelID) {
                 device->couldIdentifyWithATCommandsFromIODevice(*ioDevice);
             }
@@ -113,29 +113,17 @@ bool QVDeviceMonitorGenericDevRecogn::didIdentifyGenericIODevice(
                 qv::logRecognition(
                     "Device is rcognized but excluded (generic exclusion pattern). Throwing it "
                     "away!");
-                if (_delegate) {
-                    _delegate->noteCouldNotIdentifyDevice(device);
-                }
+                reportCouldNotIdentify(device);
                 return false;
             }
-            const auto& entry = device->databaseEntry();
-            if (entry && entry->shouldSupressDisk()) {
-                _diskSupressor->addDevice(ioDevice);
-            }
-            renameDeviceIfNeccessary(device);
-            // The array is used as it is here: after a teardown there is none to add to.
-            if (auto* identified = identifiedDevicesArray()) {
-                identified->push_back(device);
-            }
-            pushDevice(device);
-            if (_delegate) {
-                _delegate->noteDeviceBecameAvailable(device);
-            }
-            return !wasStoppedSince(epoch);
-        }
-        default:
+            // No power-up wait; after a teardown there is no list to add the record to.
+            return announceIdentifiedDevice(
+                device, ioDevice, epoch,
+                {.notBeforeAge = std::nullopt, .startsIdentifiedList = false});
+        case kMatchUndecided:
             return false;
     }
+    return false;
 }
 
 void QVDeviceMonitorGenericDevRecogn::noteRequestDriver(

@@ -11,7 +11,6 @@
 
 class QVDeviceMonitorGenericDevRecogn : public QVDeviceMonitor {
   public:
-    static constexpr int kHuaweiVendorID = 0x12D1;
     // The Option family is matched without AT questioning.
     static constexpr int kOptionGenericQuorvelID = 15354;
     static constexpr const char* kDriverRequestNotification = "NoteDeviceForDriverRequestDetected";
